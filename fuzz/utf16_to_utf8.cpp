@@ -1,0 +1,41 @@
+// Bounded UTF-16 to UTF-8: chunked conversion equals the one-shot one and the
+// unchecked transform; counting mode predicts the size; no capacity is passed.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "NUVSysUCAlgorithm.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 4) return 0;  // two bytes of chunk seed, then at least one unit
+  const unsigned seed = data[0] | (data[1] << 8);
+  std::vector<unsigned short> units((size - 2) / 2);
+  if (!units.empty()) std::memcpy(units.data(), data + 2, units.size() * 2);
+  const int n = static_cast<int>(units.size());
+
+  std::string unchecked(3 * units.size() + 4, '\0');
+  unchecked.resize(static_cast<size_t>(
+      NUVSysUCAlgorithm::unchecked::utf16to8(units.data(), units.data() + n, &unchecked[0]) -
+      unchecked.data()));
+
+  const unsigned short* p = units.data();
+  int len = n;
+  if (NUVSysUCAlgorithm::ConvertUTF16ToUTF8(p, len, nullptr, 0) != unchecked.size()) abort();
+
+  std::string joined;
+  p = units.data();
+  len = n;
+  unsigned step = 0;
+  while (p) {
+    const unsigned cap = 4 + ((seed >> (step++ % 12)) & 31);
+    std::string buf(cap + 1, '\x5A');
+    const unsigned got = NUVSysUCAlgorithm::ConvertUTF16ToUTF8(p, len, &buf[0], cap);
+    if (got > cap || buf[cap] != '\x5A') abort();
+    if (p && (len <= 0 || got == 0)) abort();
+    joined.append(buf.data(), got);
+  }
+  if (joined != unchecked) abort();
+  return 0;
+}
