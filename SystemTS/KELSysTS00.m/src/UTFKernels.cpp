@@ -14,6 +14,7 @@
 // per three bytes, UTF-16 at least one UTF-8 byte per unit.
 #include "UTFCore.h"
 
+#include <algorithm>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -197,6 +198,7 @@ SYSTEMTS_AVX2 Progress<uint8_t, uint16_t> utf8To16Avx2(const uint8_t* s, const u
                                                        uint16_t* o, size_t room) noexcept {
   constexpr ptrdiff_t W = 32;
   uint16_t* const o0 = o;
+  size_t batch = 1;  // bytes of character steps after a failed vector attempt
   const __m256i zero = _mm256_setzero_si256();
   while (e - s >= 3 * W && static_cast<size_t>(o - o0) + W <= room) {
     const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
@@ -207,37 +209,48 @@ SYSTEMTS_AVX2 Progress<uint8_t, uint16_t> utf8To16Avx2(const uint8_t* s, const u
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 16), _mm256_unpackhi_epi8(w, zero));
       s += W;
       o += W;
+      batch = 1;
       continue;
     }
-    if ((nonAscii & 1u) == 0) {
-      // Leading ASCII: widen the first 16 bytes, keep as many as are ASCII.
-      const __m256i w = _mm256_cvtepu8_epi16(_mm256_castsi256_si128(v));
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(o), w);
-      const unsigned ascii = static_cast<unsigned>(_tzcnt_u32(nonAscii));
+    const uint32_t ascii = _tzcnt_u32(nonAscii);
+    if (ascii > 0) {
+      // Leading ASCII: widen the first 16 bytes, keep the ASCII ones. Only a
+      // long run counts as the vector path paying off.
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(o), _mm256_cvtepu8_epi16(_mm256_castsi256_si128(v)));
       const unsigned take = ascii < 16 ? ascii : 16;
       s += take;
       o += take;
+      if (ascii >= 8) batch = 1;
       continue;
     }
-    // Three-byte leads (0xE0-0xEF) at every third byte from the front.
-    const uint32_t lead3 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(
-        _mm256_and_si256(v, _mm256_set1_epi8(static_cast<char>(0xF0))),
-        _mm256_set1_epi8(static_cast<char>(0xE0)))));
-    const uint32_t run = _tzcnt_u32(~static_cast<uint32_t>(_pext_u32(lead3, 0x00249249u)));
-    if (run >= 2) {
-      const __m256i pair = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(s + 12),
-                                               reinterpret_cast<const __m128i*>(s));
-      const __m256i units = decodeThreeByteLanes(pair);
-      // Lanes hold units 0-3 and 4-7 in their low 8 bytes.
-      const __m128i eight = _mm_unpacklo_epi64(_mm256_castsi256_si128(units),
-                                               _mm256_extracti128_si256(units, 1));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(o), eight);
-      const unsigned take = run < 8 ? run : 8;
-      s += 3 * take;
-      o += take;
+    if ((s[0] & 0xF0u) == 0xE0u) {
+      // Three-byte leads (0xE0-0xEF) at every third byte from the front.
+      const uint32_t lead3 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(
+          _mm256_and_si256(v, _mm256_set1_epi8(static_cast<char>(0xF0))),
+          _mm256_set1_epi8(static_cast<char>(0xE0)))));
+      const uint32_t run = _tzcnt_u32(~static_cast<uint32_t>(_pext_u32(lead3, 0x00249249u)));
+      if (run >= 4) {
+        const __m256i pair = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(s + 12),
+                                                 reinterpret_cast<const __m128i*>(s));
+        const __m256i units = decodeThreeByteLanes(pair);
+        // Lanes hold units 0-3 and 4-7 in their low 8 bytes.
+        const __m128i eight = _mm_unpacklo_epi64(_mm256_castsi256_si128(units),
+                                                 _mm256_extracti128_si256(units, 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(o), eight);
+        const unsigned take = run < 8 ? run : 8;
+        s += 3 * take;
+        o += take;
+        batch = 1;
       continue;
+      }
     }
-    o = appendUtf16(decodeUtf8(s, e), o);
+    // Mixed text: a batch of character steps before the next vector attempt.
+    // The batch doubles while the attempts keep failing, so text that never
+    // suits the vector path (emoji, say) pays almost nothing for trying. A
+    // character takes at most 4 bytes and gives at most one unit per byte.
+    const size_t margin = std::min(static_cast<size_t>(e - s), room - static_cast<size_t>(o - o0)) - 4;
+    for (const uint8_t* const stop = s + std::min(batch, margin); s < stop;) o = appendUtf16(decodeUtf8(s, e), o);
+    batch = std::min<size_t>(2 * batch, 64);
   }
   return {s, o};
 }
@@ -246,6 +259,7 @@ SYSTEMTS_AVX2 Progress<uint16_t, uint8_t> utf16To8Avx2(const uint16_t* s, const 
                                                        uint8_t* o, size_t room) noexcept {
   constexpr ptrdiff_t W = 32;
   uint8_t* const o0 = o;
+  size_t batch = 1;  // units of character steps after a failed vector attempt
   const __m256i high = _mm256_set1_epi16(static_cast<short>(0xFF80));
   // Output shuffles for eight three-byte characters: bytes 0-15 and 16-23.
   const __m128i leadsLo = _mm_setr_epi8(0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5);
@@ -264,14 +278,16 @@ SYSTEMTS_AVX2 Progress<uint16_t, uint8_t> utf16To8Avx2(const uint16_t* s, const 
                           _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
       s += W;
       o += W;
+      batch = 1;
       continue;
     }
-    if (ascii & 1u) {
+    const unsigned n = static_cast<unsigned>(_tzcnt_u32(~ascii));
+    if (n > 0) {
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(o),
                           _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8));
-      const unsigned n = static_cast<unsigned>(_tzcnt_u32(~ascii));
       s += n;
       o += n;
+      if (n >= 8) batch = 1;
       continue;
     }
     // Three-byte units: 0x0800 and above, except high surrogates (a low
@@ -283,7 +299,7 @@ SYSTEMTS_AVX2 Progress<uint16_t, uint8_t> utf16To8Avx2(const uint16_t* s, const 
                                        _mm_set1_epi16(static_cast<short>(0xD800)));
     const uint32_t not3 = static_cast<uint32_t>(_mm_movemask_epi8(_mm_or_si128(small, hs)));
     const uint32_t run = _tzcnt_u32(not3 | 0x10000u) / 2;
-    if (run >= 2) {
+    if (run >= 4) {
       const __m128i lead = _mm_or_si128(_mm_srli_epi16(u, 12), _mm_set1_epi16(0xE0));
       const __m128i c1 = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(u, 6), _mm_set1_epi16(0x3F)),
                                       _mm_set1_epi16(0x80));
@@ -296,9 +312,15 @@ SYSTEMTS_AVX2 Progress<uint16_t, uint8_t> utf16To8Avx2(const uint16_t* s, const 
       _mm_storel_epi64(reinterpret_cast<__m128i*>(o + 16), hi);
       s += run;
       o += 3 * run;
+      batch = 1;
       continue;
     }
-    o = appendUtf8(decodeUtf16(s, e), o);
+    // Mixed text: a batch of character steps before the next vector attempt,
+    // doubling while the attempts keep failing.
+    // A unit gives at most 3 bytes, a pair 4.
+    const size_t margin = std::min(static_cast<size_t>(e - s) - 2, (room - static_cast<size_t>(o - o0) - 4) / 3);
+    for (const uint16_t* const stop = s + std::min(batch, margin); s < stop;) o = appendUtf8(decodeUtf16(s, e), o);
+    batch = std::min<size_t>(2 * batch, 32);
   }
   return {s, o};
 }
