@@ -392,6 +392,184 @@ SYSTEMTS_AVX2 size_t asciiPrefixAvx2(const uint8_t* p, size_t n) noexcept {
 constexpr UtfKernels kAvx2 = {utf8To16Avx2, utf16To8Avx2, hashUnitsAvx2, hashBytesAvx2,
                               asciiPrefixAvx2, "avx2"};
 
+// --------------------------------------------------------------- AVX-512 --
+// Any mix of one- to four-byte characters, 64 bytes at a time, with the byte
+// and word compress instructions (VBMI2). A block is taken only when its
+// character boundaries are unambiguous: no multi-byte lead may sit where an
+// earlier lead's continuation bytes are. Then every position that is not such
+// a continuation starts a character, which is exactly how the lenient decoder
+// walks the block, whatever the continuation bytes hold. Anything else goes
+// through the AVX2 kernel's steps.
+//
+// GCC 12 reports its own AVX-512 intrinsics' deliberately undefined
+// registers as maybe-uninitialized when they are inlined here; silence that
+// one false report for this section only.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#define SYSTEMTS_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,avx2,bmi,bmi2,popcnt")))
+
+SYSTEMTS_AVX512 inline __m512i bytesOf(__m128i x) { return _mm512_cvtepu8_epi32(x); }
+
+SYSTEMTS_AVX512 Progress<uint8_t, uint16_t> utf8To16Avx512(const uint8_t* s, const uint8_t* e,
+                                                           uint16_t* o, size_t room) noexcept {
+  uint16_t* const o0 = o;
+  const __m512i x3F = _mm512_set1_epi32(0x3F);
+  // A block writes at most 64 units, plus a 32-unit speculative store.
+  while (e - s >= 3 * 96 && static_cast<size_t>(o - o0) + 96 <= room) {
+    const __m512i v = _mm512_loadu_si512(s);
+    const uint64_t nonAscii = _mm512_movepi8_mask(v);
+    if (nonAscii == 0) {
+      _mm512_storeu_si512(o, _mm512_cvtepu8_epi16(_mm512_castsi512_si256(v)));
+      _mm512_storeu_si512(o + 32, _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(v, 1)));
+      s += 64;
+      o += 64;
+      continue;
+    }
+    const uint64_t l2 = _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(static_cast<char>(0xE0))),
+                                               _mm512_set1_epi8(static_cast<char>(0xC0)));
+    const uint64_t l3 = _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(static_cast<char>(0xF0))),
+                                               _mm512_set1_epi8(static_cast<char>(0xE0)));
+    const uint64_t l4 = _mm512_cmpeq_epi8_mask(_mm512_and_si512(v, _mm512_set1_epi8(static_cast<char>(0xF8))),
+                                               _mm512_set1_epi8(static_cast<char>(0xF0)));
+    const uint64_t multi = l2 | l3 | l4, l34 = l3 | l4;
+    const uint64_t taken = (multi << 1) | (l34 << 2) | (l4 << 3);  // continuation positions
+    if (taken & multi) {
+      // A lead inside another character: let the character steps walk it.
+      for (const uint8_t* const stop = s + 16; s < stop;) o = appendUtf16(decodeUtf8(s, e), o);
+      continue;
+    }
+    // Characters whose lead lies in bytes 0-60 end inside the block.
+    constexpr uint64_t kFront = (uint64_t{1} << 61) - 1;
+    const uint64_t starts = ~taken & kFront;
+    const uint64_t later = ~taken & ~kFront;
+    const unsigned consumed = later ? static_cast<unsigned>(_tzcnt_u64(later)) : 64u;
+    // One byte per character for each of its (up to) four bytes, in order; a
+    // shorter character repeats its lead, masked out below.
+    const __m512i b0 = _mm512_maskz_compress_epi8(starts, v);
+    const __m512i b1 = _mm512_maskz_compress_epi8(((starts & multi) << 1) | (starts & ~multi), v);
+    const __m512i b2 = _mm512_maskz_compress_epi8(((starts & l34) << 2) | (starts & ~l34), v);
+    const __m512i b3 = _mm512_maskz_compress_epi8(((starts & l4) << 3) | (starts & ~l4), v);
+    const unsigned chars = static_cast<unsigned>(_mm_popcnt_u64(starts));
+    for (unsigned k = 0; k < chars; k += 16) {
+      __m512i lead, c1, c2, c3;
+      switch (k / 16) {
+        case 0: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 0)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 0));
+                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 0)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 0)); break;
+        case 1: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 1)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 1));
+                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 1)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 1)); break;
+        case 2: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 2)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 2));
+                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 2)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 2)); break;
+        default: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 3)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 3));
+                 c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 3)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 3)); break;
+      }
+      c1 = _mm512_and_si512(c1, x3F);
+      c2 = _mm512_and_si512(c2, x3F);
+      c3 = _mm512_and_si512(c3, x3F);
+      const __mmask16 k2 = _mm512_cmpeq_epi32_mask(_mm512_and_si512(lead, _mm512_set1_epi32(0xE0)), _mm512_set1_epi32(0xC0));
+      const __mmask16 k3 = _mm512_cmpeq_epi32_mask(_mm512_and_si512(lead, _mm512_set1_epi32(0xF0)), _mm512_set1_epi32(0xE0));
+      const __mmask16 k4 = _mm512_cmpeq_epi32_mask(_mm512_and_si512(lead, _mm512_set1_epi32(0xF8)), _mm512_set1_epi32(0xF0));
+      __m512i cp = lead;  // one byte: itself, the pass-through value included
+      cp = _mm512_mask_or_epi32(cp, k2, _mm512_slli_epi32(_mm512_and_si512(lead, _mm512_set1_epi32(0x1F)), 6), c1);
+      cp = _mm512_mask_or_epi32(cp, k3, _mm512_slli_epi32(_mm512_and_si512(lead, _mm512_set1_epi32(0x0F)), 12),
+                                _mm512_or_si512(_mm512_slli_epi32(c1, 6), c2));
+      cp = _mm512_mask_or_epi32(cp, k4,
+                                _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(lead, _mm512_set1_epi32(0x07)), 18),
+                                                _mm512_slli_epi32(c1, 12)),
+                                _mm512_or_si512(_mm512_slli_epi32(c2, 6), c3));
+      const __mmask16 pair = _mm512_cmpgt_epu32_mask(cp, _mm512_set1_epi32(0xFFFF));
+      const __m512i hi = _mm512_add_epi32(_mm512_srli_epi32(cp, 10), _mm512_set1_epi32(static_cast<int>(kLeadOffset)));
+      const __m512i lo = _mm512_add_epi32(_mm512_and_si512(cp, _mm512_set1_epi32(0x3FF)), _mm512_set1_epi32(0xDC00));
+      const __m512i lanes = _mm512_mask_or_epi32(cp, pair, hi, _mm512_slli_epi32(lo, 16));
+      const unsigned n = chars - k < 16 ? chars - k : 16;
+      const uint32_t valid = (1u << n) - 1u;
+      const uint32_t keep = _pdep_u32(valid, 0x55555555u) | _pdep_u32(valid & pair, 0xAAAAAAAAu);
+      _mm512_storeu_si512(o, _mm512_maskz_compress_epi16(keep, lanes));
+      o += _mm_popcnt_u32(keep);
+    }
+    s += consumed;
+  }
+  return utf8To16Avx2(s, e, o, room - static_cast<size_t>(o - o0));
+}
+
+SYSTEMTS_AVX512 Progress<uint16_t, uint8_t> utf16To8Avx512(const uint16_t* s, const uint16_t* e,
+                                                           uint8_t* o, size_t room) noexcept {
+  uint8_t* const o0 = o;
+  const __m512i x3F = _mm512_set1_epi32(0x3F), x80 = _mm512_set1_epi32(0x80);
+  // A block writes at most 93 bytes from 31 units, plus a 64-byte speculative store.
+  while (e - s >= 160 && static_cast<size_t>(o - o0) + 160 <= room) {
+    const __m512i u = _mm512_loadu_si512(s);
+    if (_mm512_test_epi16_mask(u, _mm512_set1_epi16(static_cast<short>(0xFF80))) == 0) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(o), _mm512_cvtepi16_epi8(u));
+      s += 32;
+      o += 32;
+      continue;
+    }
+    const uint32_t high = _mm512_cmpeq_epi16_mask(_mm512_and_si512(u, _mm512_set1_epi16(static_cast<short>(0xFC00))),
+                                                  _mm512_set1_epi16(static_cast<short>(0xD800)));
+    if (high & (high << 1)) {
+      // A high surrogate taken as another's partner: the character steps.
+      for (const uint16_t* const stop = s + 8; s < stop;) o = appendUtf8(decodeUtf16(s, e), o);
+      continue;
+    }
+    const uint32_t starts = ~(high << 1) & 0x7FFFFFFFu;  // units 0-30; unit 31 may need unit 32
+    const unsigned consumed = (~(high << 1) & 0x80000000u) ? 31u : 32u;
+    for (unsigned g = 0; g < 2; ++g) {
+      const __m512i cur = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 16 * g)));
+      const __m512i next = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 16 * g + 1)));
+      const __mmask16 hs = static_cast<__mmask16>(high >> (16 * g));
+      const __m512i cp = _mm512_mask_add_epi32(
+          cur, hs, _mm512_add_epi32(_mm512_slli_epi32(cur, 10), next), _mm512_set1_epi32(static_cast<int>(kSurrogateOffset)));
+      const __mmask16 ge80 = _mm512_cmpge_epu32_mask(cp, _mm512_set1_epi32(0x80));
+      const __mmask16 ge800 = _mm512_cmpge_epu32_mask(cp, _mm512_set1_epi32(0x800));
+      const __mmask16 ge10000 = _mm512_cmpge_epu32_mask(cp, _mm512_set1_epi32(0x10000));
+      const __m512i t0 = _mm512_and_si512(cp, x3F);
+      const __m512i t1 = _mm512_and_si512(_mm512_srli_epi32(cp, 6), x3F);
+      const __m512i t2 = _mm512_and_si512(_mm512_srli_epi32(cp, 12), x3F);
+      const __m512i t3 = _mm512_srli_epi32(cp, 18);
+      // Bytes in writing order, lowest first.
+      const __m512i two = _mm512_or_si512(_mm512_or_si512(_mm512_srli_epi32(cp, 6), _mm512_set1_epi32(0xC0)),
+                                          _mm512_slli_epi32(_mm512_or_si512(t0, x80), 8));
+      const __m512i three = _mm512_or_si512(
+          _mm512_or_si512(_mm512_srli_epi32(cp, 12), _mm512_set1_epi32(0xE0)),
+          _mm512_or_si512(_mm512_slli_epi32(_mm512_or_si512(t1, x80), 8), _mm512_slli_epi32(_mm512_or_si512(t0, x80), 16)));
+      const __m512i four = _mm512_or_si512(
+          _mm512_or_si512(_mm512_or_si512(t3, _mm512_set1_epi32(0xF0)), _mm512_slli_epi32(_mm512_or_si512(t2, x80), 8)),
+          _mm512_or_si512(_mm512_slli_epi32(_mm512_or_si512(t1, x80), 16), _mm512_slli_epi32(_mm512_or_si512(t0, x80), 24)));
+      __m512i bytes = _mm512_mask_mov_epi32(cp, ge80, two);
+      bytes = _mm512_mask_mov_epi32(bytes, ge800, three);
+      bytes = _mm512_mask_mov_epi32(bytes, ge10000, four);
+      // Keep the first 1-4 bytes of each lane that starts a character.
+      __m512i keepLanes = _mm512_set1_epi32(0xFF);
+      keepLanes = _mm512_mask_mov_epi32(keepLanes, ge80, _mm512_set1_epi32(0xFFFF));
+      keepLanes = _mm512_mask_mov_epi32(keepLanes, ge800, _mm512_set1_epi32(0xFFFFFF));
+      keepLanes = _mm512_mask_mov_epi32(keepLanes, ge10000, _mm512_set1_epi32(-1));
+      keepLanes = _mm512_maskz_mov_epi32(static_cast<__mmask16>(starts >> (16 * g)), keepLanes);
+      const uint64_t keep = _mm512_movepi8_mask(keepLanes);
+      _mm512_storeu_si512(o, _mm512_maskz_compress_epi8(keep, bytes));
+      o += _mm_popcnt_u64(keep);
+    }
+    s += consumed;
+  }
+  return utf16To8Avx2(s, e, o, room - static_cast<size_t>(o - o0));
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+constexpr UtfKernels kAvx512 = {utf8To16Avx512, utf16To8Avx512, hashUnitsAvx2, hashBytesAvx2,
+                                asciiPrefixAvx2, "avx512"};
+
+bool haveAvx512() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+         __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
+         __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("avx2") &&
+         __builtin_cpu_supports("bmi2");
+}
+
 bool haveAvx2() {
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2");
@@ -400,7 +578,7 @@ bool haveAvx2() {
 
 const UtfKernels& selectKernels() {
 #if SYSTEMTS_X86
-  return haveAvx2() ? kAvx2 : kSse2;
+  return haveAvx512() ? kAvx512 : haveAvx2() ? kAvx2 : kSse2;
 #else
   return kScalar;
 #endif
@@ -419,6 +597,7 @@ size_t availableUtfKernels(const UtfKernels** out, size_t max) noexcept {
 #if SYSTEMTS_X86
   if (n < max) out[n++] = &kSse2;
   if (haveAvx2() && n < max) out[n++] = &kAvx2;
+  if (haveAvx512() && n < max) out[n++] = &kAvx512;
 #endif
   return n;
 }
