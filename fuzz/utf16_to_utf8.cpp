@@ -1,10 +1,13 @@
 // Bounded UTF-16 to UTF-8: chunked conversion equals the one-shot one and the
-// unchecked transform; counting mode predicts the size; no capacity is passed.
+// unchecked transform, which matches the classic encoder; counting mode
+// predicts the size; no capacity is passed.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <utf8/unchecked.h>
 
 #include "NUVSysUCAlgorithm.h"
 
@@ -19,6 +22,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   unchecked.resize(static_cast<size_t>(
       NUVSysUCAlgorithm::unchecked::utf16to8(units.data(), units.data() + n, &unchecked[0]) -
       unchecked.data()));
+
+  // Reference: the classic unchecked encoder; a high surrogate in the last
+  // position takes the zero unit after it as its partner.
+  size_t refEnd = 0;
+  while (refEnd < units.size()) refEnd += (units[refEnd] >= 0xD800 && units[refEnd] <= 0xDBFF) ? 2 : 1;
+  std::vector<unsigned short> padded(units);
+  padded.push_back(0);
+  std::string ref(3 * units.size() + 4, '\0');
+  ref.resize(static_cast<size_t>(
+      utf8::unchecked::utf16to8(padded.data(), padded.data() + refEnd, &ref[0]) - ref.data()));
+  if (ref != unchecked) abort();
 
   const unsigned short* p = units.data();
   int len = n;

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include <utf8/unchecked.h>
+
 #include "NUVSysUCAlgorithm.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -20,6 +22,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                                static_cast<unsigned>(whole.size()));
   if (p != nullptr || len != 0 || total > text.size() + 1) abort();  // a cut last sequence may still give a pair
   whole.resize(total);
+
+  // The classic unchecked decoder, given the zero bytes a terminated buffer
+  // has after the text, is the reference.
+  std::vector<char> padded(text);
+  padded.resize(text.size() + 4, '\0');
+  std::vector<unsigned short> ref(text.size() + 2);
+  ref.resize(static_cast<size_t>(
+      utf8::unchecked::utf8to16(padded.data(), padded.data() + text.size(), ref.data()) - ref.data()));
+  if (ref != whole) abort();
 
   p = text.data();
   len = n;
