@@ -37,6 +37,20 @@ void setUp() {
     std::exit(3);
   }
   g_free(glibText);
+  unsigned char* ours = nullptr;
+  size_t n = 0;
+  gsize glibN = 0;
+  guchar* glibBytes = g_base64_decode(g_text.c_str(), &glibN);
+  const int sslN = EVP_DecodeBlock(g_out.data(), reinterpret_cast<const unsigned char*>(g_text.data()),
+                                   static_cast<int>(g_text.size()));
+  if (NUVSysConverter::ConvertFromBase64(g_text.c_str(), ours, n) != 0 || n != g_bytes.size() ||
+      std::memcmp(ours, g_bytes.data(), n) != 0 || glibN != n || std::memcmp(glibBytes, ours, n) != 0 ||
+      sslN < static_cast<int>(n) || std::memcmp(g_out.data(), ours, n) != 0) {
+    std::fprintf(stderr, "bench_base64: decoders disagree\n");
+    std::exit(3);
+  }
+  g_free(glibBytes);
+  delete[] ours;
 }
 
 void oursEncode(benchmark::State& st) {

@@ -15,7 +15,8 @@ class SYSTEMTS_API NUVSysConverter {
   // characters long; zero bytes give the empty string.
   // Ownership: `text` is allocated with new[]; the caller releases it with
   // delete[].
-  // Failure: E_FAIL when `data` is null, and `text` is then null.
+  // Failure: E_FAIL when `data` is null or the text cannot be allocated, and
+  // `text` is then null. Never throws.
   static int ConvertToBase64(const unsigned char* data, size_t n, char*& text);
 
   // Decodes NUL-terminated base64 text. Empty text gives 0 with `data` null
@@ -25,7 +26,10 @@ class SYSTEMTS_API NUVSysConverter {
   // not a multiple of 4; any byte outside the alphabet (bytes above 0x7F
   // included); '=' anywhere but as the last one or two characters of the last
   // group, or a '=' third character followed by anything but '='.
-  // The padding bits of the last group are not checked.
+  // E_FAIL as well when the output cannot be allocated. Never throws.
+  // The padding bits of the last group are not checked, and all three bytes of
+  // a padded last group are stored: the bytes past `n` hold what the '='
+  // characters decode to.
   // Ownership: `data` is allocated with new[]; the caller releases it with
   // delete[].
   static int ConvertFromBase64(const char* text, unsigned char*& data, size_t& n);

@@ -122,7 +122,7 @@ SYSTEMTS_AVX2 size_t decodeAvx2(const uint8_t* in, size_t groups, uint8_t* out) 
     const __m256i loNibbles = _mm256_and_si256(str, mask2F);
     const __m256i hi = _mm256_shuffle_epi8(lutHi, hiNibbles);
     const __m256i lo = _mm256_shuffle_epi8(lutLo, loNibbles);
-    (void)lo; (void)hi;
+    if (!_mm256_testz_si256(lo, hi)) break;
     const __m256i eq2F = _mm256_cmpeq_epi8(str, mask2F);
     const __m256i roll = _mm256_shuffle_epi8(lutRoll, _mm256_add_epi8(eq2F, hiNibbles));
     const __m256i vals = _mm256_add_epi8(str, roll);
@@ -152,6 +152,9 @@ int NUVSysConverter::ConvertToBase64(const unsigned char* data, size_t n, char*&
   text = nullptr;
   if (!data) return E_FAIL;
   const size_t groups = n / 3, rest = n % 3;
+  // A length whose text would not fit in size_t is refused like a failed
+  // allocation, before 4 * groups can wrap around.
+  if (groups >= SIZE_MAX / 4) return E_FAIL;
   const size_t chars = 4 * (groups + (rest != 0));
   char* out = new (std::nothrow) char[chars + 1];
   if (!out) return E_FAIL;
