@@ -1,14 +1,33 @@
 // UTF transforms and V3 hashes against utfcpp, ICU and memcpy on real text.
 //
-//   bench_utf [benchmark flags]       corpora from $SYSTEMTS_CORPORA or ../shared/corpora
+//   bench_utf [benchmark flags]
 //
-// Every conversion benchmark, in both directions, reports the UTF-8 byte count
-// of its corpus as bytes processed, so throughputs compare as ratios; memcpy
-// and the hashes report the bytes of their own input.
+// Corpora (ascii, latin, cjk, emoji .txt, UTF-8) are read at startup from
+// $SYSTEMTS_CORPORA, else from the directory the build configured
+// (../shared/corpora beside the source tree). Nothing is generated.
+//
+// Names are family/corpus/implementation, e.g. utf8to16/cjk/ours_unchecked,
+// so bench/ratios.py can turn a JSON run into ratio tables:
+//   utf8to16/<corpus>/{ours_unchecked, ours_bounded, utfcpp, icu, memcpy}
+//   utf16to8/<corpus>/{ours_unchecked, ours_bounded, utfcpp, icu, memcpy}
+//   hashv3/<corpus>/{ours_utf16, ours_utf8, naive}
+//
+// Bytes processed:
+// - Every conversion, in both directions, counts the UTF-8 size of its corpus,
+//   whatever it reads or writes. All conversions of one corpus thus report the
+//   same bytes per iteration, and their bytes_per_second compare directly as
+//   ratios (the ratio is the inverse ratio of the times).
+// - memcpy counts the bytes it copies: the UTF-8 text beside utf8to16, the
+//   UTF-16 text (2 bytes a unit) beside utf16to8.
+// - A hash counts the bytes of its own input: UTF-8 bytes for ours_utf8,
+//   UTF-16 bytes for ours_utf16 and naive.
 #include <benchmark/benchmark.h>
 #include <unicode/ustring.h>
 #include <utf8/unchecked.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,156 +41,262 @@
 
 namespace {
 
+static_assert(sizeof(UChar) == sizeof(unsigned short), "ICU reads our UTF-16 buffers in place");
+
+using UC = NUVSysUCAlgorithm;
+
 struct Corpus {
   std::string name;
   std::string utf8;
-  std::vector<unsigned short> utf16;
+  std::vector<unsigned short> utf16;  // utfcpp's conversion of utf8, made once, untimed
 };
 
+// Filled before any benchmark is registered and never resized afterwards: the
+// benchmarks keep references into it.
 std::vector<Corpus> g_corpora;
 
+// Shared output buffers, sized for the largest corpus. Benchmarks run one at a
+// time, so one set serves all of them.
+std::vector<unsigned short> g_out16;
+std::vector<char> g_out8;
+
+[[noreturn]] void fail(const char* what, const std::string& corpus) {
+  std::fprintf(stderr, "bench_utf: %s on corpus '%s'; the measurements would mean nothing\n", what,
+               corpus.c_str());
+  std::exit(3);
+}
+
 std::string corporaDir() {
-  if (const char* env = std::getenv("SYSTEMTS_CORPORA")) return env;
+  if (const char* env = std::getenv("SYSTEMTS_CORPORA"); env && *env) return env;
   return SYSTEMTS_CORPORA_DIR;
 }
 
-void load() {
+void loadCorpora() {
+  const std::string dir = corporaDir();
   for (const char* name : {"ascii", "latin", "cjk", "emoji"}) {
-    const std::string path = corporaDir() + "/" + name + ".txt";
+    const std::string path = dir + "/" + name + ".txt";
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-      std::fprintf(stderr, "bench_utf: cannot read %s (set SYSTEMTS_CORPORA)\n", path.c_str());
+      std::fprintf(stderr,
+                   "bench_utf: cannot read %s\n"
+                   "  The corpora are not part of this repository; point SYSTEMTS_CORPORA at the\n"
+                   "  directory holding ascii.txt, latin.txt, cjk.txt and emoji.txt.\n",
+                   path.c_str());
       std::exit(2);
     }
-    Corpus c{name, std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()), {}};
-    c.utf16.resize(c.utf8.size() + 2);
-    c.utf16.resize(static_cast<size_t>(
-        utf8::unchecked::utf8to16(c.utf8.begin(), c.utf8.end(), c.utf16.begin()) - c.utf16.begin()));
+    Corpus c;
+    c.name = name;
+    c.utf8.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (c.utf8.empty() || c.utf8.size() > static_cast<size_t>(INT_MAX) / 4) {
+      std::fprintf(stderr, "bench_utf: %s is empty or too large (%zu bytes)\n", path.c_str(),
+                   c.utf8.size());
+      std::exit(2);
+    }
+    c.utf16.resize(c.utf8.size());
+    auto end = utf8::unchecked::utf8to16(c.utf8.begin(), c.utf8.end(), c.utf16.begin());
+    c.utf16.erase(end, c.utf16.end());
     g_corpora.push_back(std::move(c));
   }
+
+  size_t bytes = 0, units = 0;
+  for (const Corpus& c : g_corpora) {
+    bytes = std::max(bytes, c.utf8.size());
+    units = std::max(units, c.utf16.size());
+  }
+  // The bounded calls get bytes + 2 units and 3 * units + 4 bytes; memcpy of
+  // the UTF-16 form writes 2 * units bytes into g_out8.
+  g_out16.assign(bytes + 2, 0);
+  g_out8.assign(3 * units + 4, 0);
 }
 
-unsigned naiveHash(const unsigned short* u, size_t n, unsigned h) {
+unsigned naiveHashV3(const unsigned short* u, size_t n, unsigned h) {
   for (size_t i = 0; i < n; ++i) h = h * 37u + u[i];
   return h;
 }
 
-// The numbers mean nothing if the outputs differ: check once, untimed.
+unsigned boundedUtf8To16(const Corpus& c, unsigned short* out) {
+  const char* p = c.utf8.data();
+  int left = static_cast<int>(c.utf8.size());
+  const unsigned capacity = static_cast<unsigned>(c.utf8.size()) + 2;
+  unsigned total = 0;
+  while (p) {
+    const unsigned n = UC::ConvertUTF8ToUTF16(p, left, out + total, capacity - total);
+    if (n == 0xFFFFFFFFu || (n == 0 && p)) return 0xFFFFFFFFu;  // error, or no progress
+    total += n;
+  }
+  return total;
+}
+
+unsigned boundedUtf16To8(const Corpus& c, char* out) {
+  const unsigned short* p = c.utf16.data();
+  int left = static_cast<int>(c.utf16.size());
+  const unsigned capacity = 3 * static_cast<unsigned>(c.utf16.size()) + 4;
+  unsigned total = 0;
+  while (p) {
+    const unsigned n = UC::ConvertUTF16ToUTF8(p, left, out + total, capacity - total);
+    if (n == 0xFFFFFFFFu || (n == 0 && p)) return 0xFFFFFFFFu;
+    total += n;
+  }
+  return total;
+}
+
+// Runs once before registration, outside any timing. Each implementation's
+// output is compared with utfcpp's, so a fast wrong answer cannot pass.
 void selfCheck() {
   for (const Corpus& c : g_corpora) {
-    std::vector<unsigned short> u(c.utf8.size() + 2);
-    u.resize(static_cast<size_t>(
-        NUVSysUCAlgorithm::unchecked::utf8to16(c.utf8.data(), c.utf8.data() + c.utf8.size(), u.data()) - u.data()));
-    std::string b(3 * c.utf16.size() + 4, '\0');
-    b.resize(static_cast<size_t>(
-        NUVSysUCAlgorithm::unchecked::utf16to8(c.utf16.data(), c.utf16.data() + c.utf16.size(), &b[0]) -
-        b.data()));
-    const unsigned h = naiveHash(c.utf16.data(), c.utf16.size(), 0);
-    if (u != c.utf16 || b != c.utf8 ||
-        NUVSysUCAlgorithm::HashV3FromUTF8(c.utf8.data(), c.utf8.size(), 0) != h ||
-        NUVSysUCAlgorithm::HashV3FromUCS2(c.utf16.data(), c.utf16.size(), 0) != h) {
-      std::fprintf(stderr, "bench_utf: self-check failed on %s\n", c.name.c_str());
-      std::exit(3);
+    const char* b8 = c.utf8.data();
+    const char* e8 = b8 + c.utf8.size();
+    const unsigned short* b16 = c.utf16.data();
+    const unsigned short* e16 = b16 + c.utf16.size();
+    const size_t units = c.utf16.size();
+
+    // UTF-8 -> UTF-16. c.utf16 is utfcpp's output.
+    std::vector<unsigned short> u16(c.utf8.size() + 2, 0xAAAA);
+    size_t n = static_cast<size_t>(UC::unchecked::utf8to16(b8, e8, u16.data()) - u16.data());
+    if (n != units || !std::equal(b16, e16, u16.begin())) fail("utf8to16 differs from utfcpp", c.name);
+
+    std::fill(u16.begin(), u16.end(), 0xAAAA);
+    if (boundedUtf8To16(c, u16.data()) != units || !std::equal(b16, e16, u16.begin()))
+      fail("ConvertUTF8ToUTF16 differs from utfcpp", c.name);
+
+    std::vector<UChar> icu16(c.utf8.size() + 2);
+    int32_t len = 0;
+    UErrorCode err = U_ZERO_ERROR;
+    u_strFromUTF8(icu16.data(), static_cast<int32_t>(icu16.size()), &len, b8,
+                  static_cast<int32_t>(c.utf8.size()), &err);
+    if (U_FAILURE(err) || static_cast<size_t>(len) != units ||
+        !std::equal(b16, e16, icu16.begin(),
+                    [](unsigned short a, UChar b) { return a == static_cast<unsigned short>(b); }))
+      fail("u_strFromUTF8 differs from utfcpp", c.name);
+
+    // UTF-16 -> UTF-8, against utfcpp's own output byte for byte.
+    std::string ref(3 * units + 4, '\0');
+    ref.erase(utf8::unchecked::utf16to8(b16, e16, ref.begin()), ref.end());
+    if (ref != c.utf8) fail("utfcpp does not round-trip the corpus", c.name);
+
+    std::string s8(3 * units + 4, '\x55');
+    s8.resize(static_cast<size_t>(UC::unchecked::utf16to8(b16, e16, &s8[0]) - s8.data()));
+    if (s8 != ref) fail("utf16to8 differs from utfcpp", c.name);
+
+    s8.assign(3 * units + 4, '\x55');
+    const unsigned m = boundedUtf16To8(c, &s8[0]);
+    if (m == 0xFFFFFFFFu || s8.compare(0, m, ref) != 0 || m != ref.size())
+      fail("ConvertUTF16ToUTF8 differs from utfcpp", c.name);
+
+    s8.assign(3 * units + 4, '\x55');
+    err = U_ZERO_ERROR;
+    u_strToUTF8(&s8[0], static_cast<int32_t>(s8.size()), &len, reinterpret_cast<const UChar*>(b16),
+                static_cast<int32_t>(units), &err);
+    if (U_FAILURE(err) || static_cast<size_t>(len) != ref.size() || s8.compare(0, ref.size(), ref) != 0)
+      fail("u_strToUTF8 differs from utfcpp", c.name);
+
+    // Hashes, with a seed that is not zero so it takes part.
+    for (unsigned seed : {0u, 0x9E3779B9u}) {
+      const unsigned h = naiveHashV3(b16, units, seed);
+      if (UC::HashV3FromUCS2(b16, units, seed) != h) fail("HashV3FromUCS2 differs from the plain loop", c.name);
+      if (UC::HashV3FromUTF8(b8, c.utf8.size(), seed) != h)
+        fail("HashV3FromUTF8 differs from the plain loop", c.name);
     }
   }
 }
 
-template <typename F>
-void reg(const std::string& name, const Corpus& c, int64_t bytes, F body) {
-  benchmark::RegisterBenchmark(name.c_str(), [&c, bytes, body](benchmark::State& st) {
-    for (auto _ : st) body(c);
-    st.SetBytesProcessed(st.iterations() * bytes);
-  })->Unit(benchmark::kMicrosecond);
+// One benchmark: `body(corpus)` per iteration, `bytes` reported per iteration.
+template <typename Body>
+void add(const std::string& family, const Corpus& c, const char* impl, int64_t bytes, Body body) {
+  const std::string name = family + "/" + c.name + "/" + impl;
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [&c, bytes, body](benchmark::State& st) {
+                                 for (auto _ : st) body(c);
+                                 st.SetBytesProcessed(st.iterations() * bytes);
+                               })
+      ->Unit(benchmark::kMicrosecond);
 }
 
 void registerAll() {
-  static std::vector<unsigned short> out16;
-  static std::vector<char> out8;
-  static std::vector<UChar> icu16;
-  size_t most = 0;
-  for (const Corpus& c : g_corpora) most = std::max(most, c.utf8.size());
-  out16.resize(most + 8);
-  out8.resize(3 * most + 8);
-  icu16.resize(most + 8);
-
   for (const Corpus& c : g_corpora) {
+    // Conversions in both directions report the UTF-8 size (see the top).
     const int64_t n8 = static_cast<int64_t>(c.utf8.size());
-    const std::string u8to16 = "utf8to16/" + c.name + "/";
-    reg(u8to16 + "ours_unchecked", c, n8, [](const Corpus& k) {
-      benchmark::DoNotOptimize(NUVSysUCAlgorithm::unchecked::utf8to16(
-          k.utf8.data(), k.utf8.data() + k.utf8.size(), out16.data()));
+    const int64_t n16 = static_cast<int64_t>(2 * c.utf16.size());
+
+    add("utf8to16", c, "ours_unchecked", n8, [](const Corpus& k) {
+      unsigned short* end =
+          UC::unchecked::utf8to16(k.utf8.data(), k.utf8.data() + k.utf8.size(), g_out16.data());
+      benchmark::DoNotOptimize(end);
       benchmark::ClobberMemory();
     });
-    reg(u8to16 + "ours_bounded", c, n8, [](const Corpus& k) {
-      const char* p = k.utf8.data();
-      int len = static_cast<int>(k.utf8.size());
-      unsigned total = 0;
-      while (p) total += NUVSysUCAlgorithm::ConvertUTF8ToUTF16(p, len, out16.data() + total,
-                                                               static_cast<unsigned>(out16.size() - total));
+    add("utf8to16", c, "ours_bounded", n8, [](const Corpus& k) {
+      unsigned total = boundedUtf8To16(k, g_out16.data());
       benchmark::DoNotOptimize(total);
       benchmark::ClobberMemory();
     });
-    reg(u8to16 + "utfcpp", c, n8, [](const Corpus& k) {
-      benchmark::DoNotOptimize(utf8::unchecked::utf8to16(k.utf8.begin(), k.utf8.end(), out16.begin()));
+    add("utf8to16", c, "utfcpp", n8, [](const Corpus& k) {
+      unsigned short* end = utf8::unchecked::utf8to16(k.utf8.data(), k.utf8.data() + k.utf8.size(),
+                                                      g_out16.data());
+      benchmark::DoNotOptimize(end);
       benchmark::ClobberMemory();
     });
-    reg(u8to16 + "icu", c, n8, [](const Corpus& k) {
+    add("utf8to16", c, "icu", n8, [](const Corpus& k) {
       int32_t len = 0;
       UErrorCode err = U_ZERO_ERROR;
-      u_strFromUTF8(icu16.data(), static_cast<int32_t>(icu16.size()), &len, k.utf8.data(),
-                    static_cast<int32_t>(k.utf8.size()), &err);
+      u_strFromUTF8(reinterpret_cast<UChar*>(g_out16.data()), static_cast<int32_t>(g_out16.size()), &len,
+                    k.utf8.data(), static_cast<int32_t>(k.utf8.size()), &err);
       benchmark::DoNotOptimize(len);
       benchmark::ClobberMemory();
     });
-    reg(u8to16 + "memcpy", c, n8, [](const Corpus& k) {
-      std::memcpy(out8.data(), k.utf8.data(), k.utf8.size());
+    add("utf8to16", c, "memcpy", n8, [](const Corpus& k) {
+      char* dst = g_out8.data();
+      benchmark::DoNotOptimize(dst);
+      std::memcpy(dst, k.utf8.data(), k.utf8.size());
       benchmark::ClobberMemory();
     });
 
-    const std::string u16to8 = "utf16to8/" + c.name + "/";
-    reg(u16to8 + "ours_unchecked", c, n8, [](const Corpus& k) {
-      benchmark::DoNotOptimize(NUVSysUCAlgorithm::unchecked::utf16to8(
-          k.utf16.data(), k.utf16.data() + k.utf16.size(), out8.data()));
+    add("utf16to8", c, "ours_unchecked", n8, [](const Corpus& k) {
+      char* end = UC::unchecked::utf16to8(k.utf16.data(), k.utf16.data() + k.utf16.size(), g_out8.data());
+      benchmark::DoNotOptimize(end);
       benchmark::ClobberMemory();
     });
-    reg(u16to8 + "ours_bounded", c, n8, [](const Corpus& k) {
-      const unsigned short* p = k.utf16.data();
-      int len = static_cast<int>(k.utf16.size());
-      unsigned total = 0;
-      while (p) total += NUVSysUCAlgorithm::ConvertUTF16ToUTF8(p, len, out8.data() + total,
-                                                               static_cast<unsigned>(out8.size() - total));
+    add("utf16to8", c, "ours_bounded", n8, [](const Corpus& k) {
+      unsigned total = boundedUtf16To8(k, g_out8.data());
       benchmark::DoNotOptimize(total);
       benchmark::ClobberMemory();
     });
-    reg(u16to8 + "utfcpp", c, n8, [](const Corpus& k) {
-      benchmark::DoNotOptimize(utf8::unchecked::utf16to8(k.utf16.begin(), k.utf16.end(), out8.begin()));
+    add("utf16to8", c, "utfcpp", n8, [](const Corpus& k) {
+      char* end = utf8::unchecked::utf16to8(k.utf16.data(), k.utf16.data() + k.utf16.size(), g_out8.data());
+      benchmark::DoNotOptimize(end);
       benchmark::ClobberMemory();
     });
-    reg(u16to8 + "icu", c, n8, [](const Corpus& k) {
+    add("utf16to8", c, "icu", n8, [](const Corpus& k) {
       int32_t len = 0;
       UErrorCode err = U_ZERO_ERROR;
-      u_strToUTF8(out8.data(), static_cast<int32_t>(out8.size()), &len,
+      u_strToUTF8(g_out8.data(), static_cast<int32_t>(g_out8.size()), &len,
                   reinterpret_cast<const UChar*>(k.utf16.data()), static_cast<int32_t>(k.utf16.size()), &err);
       benchmark::DoNotOptimize(len);
       benchmark::ClobberMemory();
     });
-    reg(u16to8 + "memcpy", c, static_cast<int64_t>(2 * c.utf16.size()), [](const Corpus& k) {
-      std::memcpy(out16.data(), k.utf16.data(), 2 * k.utf16.size());
+    add("utf16to8", c, "memcpy", n16, [](const Corpus& k) {
+      char* dst = g_out8.data();
+      benchmark::DoNotOptimize(dst);
+      std::memcpy(dst, k.utf16.data(), 2 * k.utf16.size());
       benchmark::ClobberMemory();
     });
 
-    const std::string hash = "hashv3/" + c.name + "/";
-    const int64_t n16 = static_cast<int64_t>(2 * c.utf16.size());
-    reg(hash + "ours_utf16", c, n16, [](const Corpus& k) {
-      benchmark::DoNotOptimize(NUVSysUCAlgorithm::HashV3FromUCS2(k.utf16.data(), k.utf16.size(), 0));
-    });
-    reg(hash + "ours_utf8", c, n16, [](const Corpus& k) {
-      benchmark::DoNotOptimize(NUVSysUCAlgorithm::HashV3FromUTF8(k.utf8.data(), k.utf8.size(), 0));
-    });
-    reg(hash + "naive_utf16", c, n16, [](const Corpus& k) {
+    // Hashes report the bytes they read.
+    add("hashv3", c, "ours_utf16", n16, [](const Corpus& k) {
       const unsigned short* p = k.utf16.data();
-      benchmark::DoNotOptimize(p);  // keep the loop from being folded at compile time
-      benchmark::DoNotOptimize(naiveHash(p, k.utf16.size(), 0));
+      benchmark::DoNotOptimize(p);
+      benchmark::DoNotOptimize(UC::HashV3FromUCS2(p, k.utf16.size(), 0));
+    });
+    add("hashv3", c, "ours_utf8", n8, [](const Corpus& k) {
+      const char* p = k.utf8.data();
+      benchmark::DoNotOptimize(p);
+      benchmark::DoNotOptimize(UC::HashV3FromUTF8(p, k.utf8.size(), 0));
+    });
+    add("hashv3", c, "naive", n16, [](const Corpus& k) {
+      // The pointer passes through DoNotOptimize each time, so the loop cannot
+      // be computed once and hoisted out of the timing loop.
+      const unsigned short* p = k.utf16.data();
+      benchmark::DoNotOptimize(p);
+      benchmark::DoNotOptimize(naiveHashV3(p, k.utf16.size(), 0));
     });
   }
 }
@@ -179,13 +304,14 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions until a process has had a
-  // second thread; measure the way a real host runs.
+  // glibc and libstdc++ skip atomic instructions in a process that never had
+  // a second thread; start one so we measure what a real host runs.
   std::thread([] {}).join();
-  load();
+  loadCorpora();
   selfCheck();
   registerAll();
   benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
