@@ -91,24 +91,6 @@ std::string ours16to8(const U16& u) {
   return out;
 }
 
-// Converts in calls of the given capacities, resuming from what each call
-// gave back, and checks the resume contract on the way.
-::testing::AssertionResult chunked8to16(const std::string& s, unsigned cap, U16& out) {
-  const char* p = s.data();
-  int len = static_cast<int>(s.size());
-  out.clear();
-  std::vector<unsigned short> buf(cap);
-  while (p) {
-    const unsigned n = Alg::ConvertUTF8ToUTF16(p, len, buf.data(), cap);
-    if (n > cap) return ::testing::AssertionFailure() << "wrote " << n << " units into " << cap;
-    if (n == 0 && p) return ::testing::AssertionFailure() << "no progress at " << (p - s.data());
-    if (p && len <= 0) return ::testing::AssertionFailure() << "non-null pointer with length " << len;
-    out.insert(out.end(), buf.begin(), buf.begin() + n);
-  }
-  if (len != 0) return ::testing::AssertionFailure() << "length left " << len;
-  return ::testing::AssertionSuccess();
-}
-
 TEST(NUVSysUCAlgorithm, UncheckedTransformsMatchUtfcppOnMixedInput) {
   std::mt19937 rng(20261123);
   for (int round = 0; round < 400; ++round) {
@@ -161,100 +143,83 @@ TEST(NUVSysUCAlgorithm, LenientDecodingAndSurrogateArithmetic) {
   EXPECT_EQ(ours16to8({0xD83D, 0}), ours16to8({0xD83D}));
 }
 
-TEST(NUVSysUCAlgorithm, BoundedConversionArgumentsAndEnd) {
-  unsigned short buf[8];
-  const char* p = nullptr;
+// One call of the bounded converters: what it returns and writes, and where
+// it leaves the source (consumed = bytes or units; -1 = pointer null).
+TEST(NUVSysUCAlgorithm, BoundedConversionResults) {
+  struct Case { const char* label; std::string in; int len; unsigned cap; bool count;
+                unsigned result; int consumed; int lenAfter; U16 units; };
+  const std::string smile = "A\xF0\x9F\x98\x80";
+  const Case k8[] = {
+      {"negative length", "abc", -1, 8, false, 0xFFFFFFFFu, 0, -1, {}},
+      {"empty", "abc", 0, 8, false, 0, -1, 0, {}},
+      {"pair does not fit: given back", smile, 5, 2, false, 1, 1, 4, {'A'}},
+      {"pair fits", smile.substr(1), 4, 2, false, 2, -1, 0, {0xD83D, 0xDE00}},
+      {"counting consumes", smile + "\xC3\xA9", 7, 0, true, 4, -1, 0, {}},
+      {"cut sequence counts as consumed", "ab\xE2\x82", 4, 8, false, 3, -1, 0, {'a', 'b', 0x2080}},
+  };
+  for (const Case& c : k8) {
+    SCOPED_TRACE(c.label);
+    const char* p = c.in.data();
+    int len = c.len;
+    U16 out(8, 0);
+    EXPECT_EQ(c.result, Alg::ConvertUTF8ToUTF16(p, len, c.count ? nullptr : out.data(), c.cap));
+    EXPECT_EQ(c.consumed < 0 ? nullptr : c.in.data() + c.consumed, p);
+    EXPECT_EQ(c.lenAfter < 0 ? c.len : c.lenAfter, len);
+    if (!c.count) {
+      EXPECT_EQ(c.units, U16(out.begin(), out.begin() + static_cast<long>(c.units.size())));
+    }
+  }
+  const char* none = nullptr;
   int len = 3;
-  EXPECT_EQ(0xFFFFFFFFu, Alg::ConvertUTF8ToUTF16(p, len, buf, 8));
-  p = "abc";
-  len = -1;
-  EXPECT_EQ(0xFFFFFFFFu, Alg::ConvertUTF8ToUTF16(p, len, buf, 8));
-  EXPECT_STREQ("abc", p);
-  len = 0;
-  EXPECT_EQ(0u, Alg::ConvertUTF8ToUTF16(p, len, buf, 8));
-  EXPECT_EQ(nullptr, p);
+  EXPECT_EQ(0xFFFFFFFFu, Alg::ConvertUTF8ToUTF16(none, len, nullptr, 8));
 
-  // Counting mode consumes the input too.
-  const char* text = "A\xF0\x9F\x98\x80\xC3\xA9";
-  p = text;
-  len = 7;
-  EXPECT_EQ(4u, Alg::ConvertUTF8ToUTF16(p, len, nullptr, 0));
-  EXPECT_EQ(nullptr, p);
-  EXPECT_EQ(0, len);
-
-  // A sequence cut by the end counts as consumed: length 0, pointer null.
-  p = "ab\xE2\x82";
-  len = 4;
-  EXPECT_EQ(3u, Alg::ConvertUTF8ToUTF16(p, len, buf, 8));
-  EXPECT_EQ(nullptr, p);
-  EXPECT_EQ(0, len);
-  EXPECT_EQ(0x2080, buf[2]);
-
-  // The 64-bit-length form writes the length back.
-  p = "xyz";
-  unsigned long ulen = 3;
-  EXPECT_EQ(3u, Alg::ConvertUTF8ToUCS2(p, ulen, buf, 8));
-  EXPECT_EQ(0ul, ulen);
-  EXPECT_EQ(nullptr, p);
-}
-
-TEST(NUVSysUCAlgorithm, BoundedConversionGivesBackWhatDoesNotFit) {
-  const char* const text = "A\xF0\x9F\x98\x80";
-  const char* p = text;
-  int len = 5;
-  unsigned short buf[2] = {0, 0};
-  EXPECT_EQ(1u, Alg::ConvertUTF8ToUTF16(p, len, buf, 2));
-  EXPECT_EQ(text + 1, p);
-  EXPECT_EQ(4, len);
-  EXPECT_EQ('A', buf[0]);
-  EXPECT_EQ(2u, Alg::ConvertUTF8ToUTF16(p, len, buf, 2));
-  EXPECT_EQ(nullptr, p);
-  EXPECT_EQ(0xD83D, buf[0]);
-  EXPECT_EQ(0xDE00, buf[1]);
-
-  // UTF-16 to UTF-8: three-byte characters into 5 bytes: one fits, the next is given back.
+  // UTF-16 to UTF-8: the last character goes in only whole.
   const unsigned short jp[] = {0x65E5, 0x672C};
-  const unsigned short* q = jp;
-  len = 2;
-  char out[5];
-  EXPECT_EQ(3u, Alg::ConvertUTF16ToUTF8(q, len, out, 5));
-  EXPECT_EQ(jp + 1, q);
-  EXPECT_EQ(1, len);
-  // With 6 bytes: the second goes through the last-character path and fits.
-  q = jp;
-  len = 2;
-  char out6[6];
-  EXPECT_EQ(6u, Alg::ConvertUTF16ToUTF8(q, len, out6, 6));
-  EXPECT_EQ(nullptr, q);
-  EXPECT_EQ(0, std::memcmp(out6, "\xE6\x97\xA5\xE6\x9C\xAC", 6));
+  for (unsigned cap : {5u, 6u}) {
+    SCOPED_TRACE(cap);
+    const unsigned short* q = jp;
+    len = 2;
+    char out[6];
+    EXPECT_EQ(cap == 5 ? 3u : 6u, Alg::ConvertUTF16ToUTF8(q, len, out, cap));
+    EXPECT_EQ(cap == 5 ? jp + 1 : nullptr, q);
+    EXPECT_EQ(cap == 5 ? 1 : 0, len);
+  }
+  // The 64-bit-length forms write the length back.
+  const char* p = "xyz";
+  unsigned long ulen = 3;
+  unsigned short buf[4];
+  EXPECT_EQ(3u, Alg::ConvertUTF8ToUCS2(p, ulen, buf, 4));
+  EXPECT_EQ(0ul, ulen);
 }
 
 TEST(NUVSysUCAlgorithm, ChunkedConversionReassemblesTheWhole) {
   std::mt19937 rng(7);
   for (int round = 0; round < 200; ++round) {
+    SCOPED_TRACE(round);
     const std::string s = mixedUtf8(rng, 1 + rng() % 900);
-    const unsigned cap = 2 + rng() % 300;
-    SCOPED_TRACE(testing::Message() << "round " << round << " cap " << cap);
-    U16 got;
-    ASSERT_TRUE(chunked8to16(s, cap, got));
-    ASSERT_EQ(ours8to16(s), got);
-
     const U16 w = mixedUtf16(rng, 1 + rng() % 600);
-    const unsigned cap8 = 4 + rng() % 300;
-    const unsigned short* q = w.data();
-    int len = static_cast<int>(w.size());
-    std::string whole, buf(cap8, '\0');
-    while (q) {
-      const unsigned n = Alg::ConvertUTF16ToUTF8(q, len, &buf[0], cap8);
-      ASSERT_LE(n, cap8);
-      ASSERT_TRUE(n > 0 || !q);
-      whole.append(buf.data(), n);
+    const unsigned cap = 4 + rng() % 300;
+    U16 units, buf16(cap);
+    std::string bytes, buf8(cap, '\0');
+    const char* p = s.data();
+    int len = static_cast<int>(s.size());
+    while (p) {
+      const unsigned n = Alg::ConvertUTF8ToUTF16(p, len, buf16.data(), cap);
+      ASSERT_TRUE(n <= cap && (n > 0 || !p) && (!p || len > 0));
+      units.insert(units.end(), buf16.begin(), buf16.begin() + n);
     }
-    ASSERT_EQ(ours16to8(w), whole);
-    // Counting mode agrees with what is written.
+    ASSERT_EQ(ours8to16(s), units);
+    const unsigned short* q = w.data();
+    len = static_cast<int>(w.size());
+    while (q) {
+      const unsigned n = Alg::ConvertUTF16ToUTF8(q, len, &buf8[0], cap);
+      ASSERT_TRUE(n <= cap && (n > 0 || !q) && (!q || len > 0));
+      bytes.append(buf8.data(), n);
+    }
+    ASSERT_EQ(ours16to8(w), bytes);
     q = w.data();
     len = static_cast<int>(w.size());
-    ASSERT_EQ(whole.size(), Alg::ConvertUTF16ToUTF8(q, len, nullptr, 0));
+    ASSERT_EQ(bytes.size(), Alg::ConvertUTF16ToUTF8(q, len, nullptr, 0));
   }
 }
 
