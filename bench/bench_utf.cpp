@@ -10,7 +10,7 @@
 // so bench/ratios.py can turn a JSON run into ratio tables:
 //   utf8to16/<corpus>/{ours_unchecked, ours_bounded, utfcpp, icu, memcpy}
 //   utf16to8/<corpus>/{ours_unchecked, ours_bounded, utfcpp, icu, memcpy}
-//   hashv3/<corpus>/{ours_utf16, ours_utf8, naive}
+//   hashv3/<corpus>/{ours_utf16, ours_utf8, naive, naive_utf8}
 //
 // Bytes processed:
 // - Every conversion, in both directions, counts the UTF-8 size of its corpus,
@@ -111,6 +111,21 @@ void loadCorpora() {
 
 unsigned naiveHashV3(const unsigned short* u, size_t n, unsigned h) {
   for (size_t i = 0; i < n; ++i) h = h * 37u + u[i];
+  return h;
+}
+
+// The same one-accumulator loop fed by decoding UTF-8 one character at a
+// time (utfcpp's unchecked step), surrogate pairs as two units.
+unsigned naiveHashV3Utf8(const char* p, const char* end, unsigned h) {
+  while (p < end) {
+    const uint32_t cp = utf8::unchecked::next(p);
+    if (cp > 0xFFFF) {
+      h = h * 37u + ((cp >> 10) + 0xD7C0u);
+      h = h * 37u + ((cp & 0x3FFu) + 0xDC00u);
+    } else {
+      h = h * 37u + cp;
+    }
+  }
   return h;
 }
 
@@ -290,6 +305,11 @@ void registerAll() {
       const char* p = k.utf8.data();
       benchmark::DoNotOptimize(p);
       benchmark::DoNotOptimize(UC::HashV3FromUTF8(p, k.utf8.size(), 0));
+    });
+    add("hashv3", c, "naive_utf8", n8, [](const Corpus& k) {
+      const char* p = k.utf8.data();
+      benchmark::DoNotOptimize(p);
+      benchmark::DoNotOptimize(naiveHashV3Utf8(p, p + k.utf8.size(), 0));
     });
     add("hashv3", c, "naive", n16, [](const Corpus& k) {
       // The pointer passes through DoNotOptimize each time, so the loop cannot

@@ -266,12 +266,14 @@ unsigned int NUVSysUCAlgorithm::HashV3FromUTF8(const char* text, unsigned long n
   const uint8_t* s = bytes(text);
   const uint8_t* const e = s + n;
   uint32_t h = seed;
-  uint16_t buf[512];
+  // Hash through UTF-16 in blocks of 4 KiB on the stack; the character steps
+  // finish each block (the kernels leave the last hundred or so units of their
+  // room to them), so a block ends on a character boundary.
+  constexpr size_t kBlock = 2048;
+  uint16_t buf[kBlock];
   while (s < e) {
-    // Hash through UTF-16 in blocks; the tail of each block is finished by the
-    // character step, so a block ends on a character boundary.
-    auto [p, o] = k.utf8To16(s, e, buf, 512);
-    while (p < e && o < buf + 510) o = appendUtf16(decodeUtf8(p, e), o);
+    auto [p, o] = k.utf8To16(s, e, buf, kBlock);
+    while (p < e && o < buf + kBlock - 2) o = appendUtf16(decodeUtf8(p, e), o);
     h = k.hashUnits(buf, static_cast<size_t>(o - buf), h);
     s = p;
   }
