@@ -410,8 +410,6 @@ constexpr UtfKernels kAvx2 = {utf8To16Avx2, utf16To8Avx2, hashUnitsAvx2, hashByt
 #endif
 #define SYSTEMTS_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,avx2,bmi,bmi2,popcnt")))
 
-SYSTEMTS_AVX512 inline __m512i bytesOf(__m128i x) { return _mm512_cvtepu8_epi32(x); }
-
 SYSTEMTS_AVX512 Progress<uint8_t, uint16_t> utf8To16Avx512(const uint8_t* s, const uint8_t* e,
                                                            uint16_t* o, size_t room) noexcept {
   uint16_t* const o0 = o;
@@ -447,23 +445,23 @@ SYSTEMTS_AVX512 Progress<uint8_t, uint16_t> utf8To16Avx512(const uint8_t* s, con
     const unsigned consumed = later ? static_cast<unsigned>(_tzcnt_u64(later)) : 64u;
     // One byte per character for each of its (up to) four bytes, in order; a
     // shorter character repeats its lead, masked out below.
-    const __m512i b0 = _mm512_maskz_compress_epi8(starts, v);
-    const __m512i b1 = _mm512_maskz_compress_epi8(((starts & multi) << 1) | (starts & ~multi), v);
-    const __m512i b2 = _mm512_maskz_compress_epi8(((starts & l34) << 2) | (starts & ~l34), v);
-    const __m512i b3 = _mm512_maskz_compress_epi8(((starts & l4) << 3) | (starts & ~l4), v);
+    __m512i b0 = _mm512_maskz_compress_epi8(starts, v);
+    __m512i b1 = _mm512_maskz_compress_epi8(((starts & multi) << 1) | (starts & ~multi), v);
+    __m512i b2 = _mm512_maskz_compress_epi8(((starts & l34) << 2) | (starts & ~l34), v);
+    __m512i b3 = _mm512_maskz_compress_epi8(((starts & l4) << 3) | (starts & ~l4), v);
     const unsigned chars = static_cast<unsigned>(_mm_popcnt_u64(starts));
+    const __m512i zero = _mm512_setzero_si512();
     for (unsigned k = 0; k < chars; k += 16) {
-      __m512i lead, c1, c2, c3;
-      switch (k / 16) {
-        case 0: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 0)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 0));
-                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 0)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 0)); break;
-        case 1: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 1)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 1));
-                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 1)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 1)); break;
-        case 2: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 2)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 2));
-                c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 2)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 2)); break;
-        default: lead = bytesOf(_mm512_extracti32x4_epi32(b0, 3)); c1 = bytesOf(_mm512_extracti32x4_epi32(b1, 3));
-                 c2 = bytesOf(_mm512_extracti32x4_epi32(b2, 3)); c3 = bytesOf(_mm512_extracti32x4_epi32(b3, 3)); break;
-      }
+      // Sixteen characters at a time from the bottom of each register, which
+      // then moves down by 16 bytes.
+      const __m512i lead = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(b0));
+      __m512i c1 = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(b1));
+      __m512i c2 = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(b2));
+      __m512i c3 = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(b3));
+      b0 = _mm512_alignr_epi32(zero, b0, 4);
+      b1 = _mm512_alignr_epi32(zero, b1, 4);
+      b2 = _mm512_alignr_epi32(zero, b2, 4);
+      b3 = _mm512_alignr_epi32(zero, b3, 4);
       c1 = _mm512_and_si512(c1, x3F);
       c2 = _mm512_and_si512(c2, x3F);
       c3 = _mm512_and_si512(c3, x3F);
