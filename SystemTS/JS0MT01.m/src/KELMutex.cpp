@@ -1,0 +1,167 @@
+// KELMutex, its POSIX implementation, the global mutex and once-only creation.
+#include "KELMutex.h"
+
+#include "CreateOnce.h"
+#include "KELMutexUnix.h"
+#include "KELSmartMutex.h"
+#include "KELThreads.h"
+
+// ---- KELMutexUnix ----
+
+unsigned char KELMutexUnix::_debugMode = 0;
+
+namespace {
+
+bool g_firstUnixMutex = true;             // cleared by the first KELMutexUnix
+pthread_mutexattr_t* g_recursiveAttr;     // shared by every recursive mutex, never freed
+bool g_firstMutex = true;                 // cleared by the first KELMutex
+
+bool debugFlagOn() { return KELThrDebugOn != nullptr && *KELThrDebugOn != 0; }
+
+}  // namespace
+
+// Runs first under _mutexGlobal's construction (library start-up, one thread)
+// and afterwards always under _mutexGlobal, so the one-time work and the
+// shared attribute object need no lock of their own.
+KELMutexUnix::KELMutexUnix(int recursive) {
+  if (g_firstUnixMutex) {
+    g_firstUnixMutex = false;
+    thread_trace_init();
+    if (debugFlagOn()) _debugMode = 1;
+  }
+  if (recursive != 0) {
+    if (g_recursiveAttr == nullptr) {
+      g_recursiveAttr = new pthread_mutexattr_t;
+      pthread_mutexattr_init(g_recursiveAttr);
+      pthread_mutexattr_settype(g_recursiveAttr, PTHREAD_MUTEX_RECURSIVE);
+    }
+    pthread_mutex_init(&_mutex, g_recursiveAttr);
+  } else {
+    pthread_mutex_init(&_mutex, nullptr);
+  }
+}
+
+KELMutexUnix::~KELMutexUnix() { pthread_mutex_destroy(&_mutex); }
+
+int KELMutexUnix::Lock() {
+  if (_debugMode == 0) return pthread_mutex_lock(&_mutex);
+  KELThreads* self = KELThreads::Find();
+  if (self == nullptr) return pthread_mutex_lock(&_mutex);
+  self->SetStatusBits(KELThreads::BlockedOnMutex);
+  const int rc = pthread_mutex_lock(&_mutex);
+  self->ClearStatusBits(KELThreads::BlockedOnMutex);
+  return rc;
+}
+
+// ---- KELMutex ----
+
+// The member-function pointers are constant-initialised, so they are usable
+// even by code that runs before this library's static constructors; the first
+// KELMutex constructor sets them again, as the interface promises.
+int (KELMutex::*KELMutex::LockF)() = &KELMutex::Lock;
+int (KELMutex::*KELMutex::UnlockF)() = &KELMutex::Unlock;
+int (KELMutex::*KELMutex::TryLockF)() = &KELMutex::TryLock;
+
+// Made before any other static object of the library.
+KELMutex KELMutex::_mutexGlobal __attribute__((init_priority(101))){0, 1, 0};
+
+KELMutex::KELMutex(int lockAtCreation, int recursive, int deferred) : _impl(nullptr) {
+  if (g_firstMutex) {
+    g_firstMutex = false;
+    LockF = &KELMutex::Lock;
+    UnlockF = &KELMutex::Unlock;
+    TryLockF = &KELMutex::TryLock;
+  }
+  if (deferred != 0) return;
+  _Initialize(0, recursive);
+  if (lockAtCreation != 0) Lock();
+}
+
+KELMutex::~KELMutex() {
+  if (KELMutexRealData* d = _impl.exchange(nullptr, std::memory_order_acq_rel)) delete d;
+}
+
+void KELMutex::_Initialize(int useGlobal, int recursive) {
+  const bool global = useGlobal != 0 && this != &_mutexGlobal;
+  if (global) (_mutexGlobal.*LockF)();
+  if (_impl.load(std::memory_order_relaxed) == nullptr) {
+    // Published with release: a thread that sees the pointer sees a fully
+    // initialised mutex.
+    _impl.store(new KELMutexUnix(recursive), std::memory_order_release);
+  }
+  if (global) (_mutexGlobal.*UnlockF)();
+}
+
+int KELMutex::Lock() {
+  KELMutexRealData* d = impl();
+  if (d == nullptr) {
+    _Initialize(1, 1);
+    d = impl();
+    if (d == nullptr) return 0;
+  }
+  return d->Lock();
+}
+
+int KELMutex::Unlock() {
+  KELMutexRealData* d = impl();
+  return d != nullptr ? d->Unlock() : 0;
+}
+
+int KELMutex::TryLock() {
+  KELMutexRealData* d = impl();
+  if (d == nullptr) {
+    _Initialize(1, 1);
+    d = impl();
+    if (d == nullptr) return 1;
+  }
+  return d->TryLock();
+}
+
+KELSmartMutex::KELSmartMutex(int deferred) : KELMutex(0, 1, deferred) {}
+KELSmartMutex::~KELSmartMutex() = default;
+
+// ---- the global mutex ----
+
+KELMutex* GetMyGlobalMutex() {
+  static KELMutex* const mutex = new KELMutex(0, 1, 0);
+  return mutex;
+}
+
+namespace {
+std::atomic<KELMutex*> g_cachedGlobal{nullptr};
+}
+
+int KELSysMTGlobalMutex(int op, const char* name, int flags) {
+  if (name != nullptr || flags != 0) return -1;
+  if (g_cachedGlobal.load(std::memory_order_acquire) == nullptr) {
+    g_cachedGlobal.store(GetMyGlobalMutex(), std::memory_order_release);
+    if (op == 2) return 0;  // nothing was locked through the cache yet
+    if (g_cachedGlobal.load(std::memory_order_acquire) == nullptr) return -1;
+  }
+  KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
+  switch (op) {
+    case 2:
+      (m->*KELMutex::UnlockF)();
+      return 0;
+    case 1:
+      (m->*KELMutex::LockF)();
+      return g_cachedGlobal.load(std::memory_order_acquire) == m ? 1 : -1;
+    case 8:
+      (m->*KELMutex::LockF)();
+      g_cachedGlobal.store(nullptr, std::memory_order_release);
+      (m->*KELMutex::UnlockF)();
+      delete m;
+      return 0;
+    default:
+      return -1;
+  }
+}
+
+// ---- once-only creation ----
+
+
+void NUVCreateMutex(KELMutex*& ref, unsigned int mode) {
+  systemts::detail::createOnce(ref, mode, [] { return new KELMutex(0, 1, 0); });
+}
+
+void NUVMemoryBarrier() { std::atomic_thread_fence(std::memory_order_seq_cst); }
