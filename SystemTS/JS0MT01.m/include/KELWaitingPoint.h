@@ -10,9 +10,10 @@
 // Timed waits run on the monotonic clock, so a change of the wall clock
 // neither stretches nor cuts them.
 //
-// Threads: every operation may be called from any thread. Broadcast costs one
-// atomic store when nobody waits (nothing when the point is already
-// signalled). Destroying a point that threads still wait on is the caller's
+// Threads: every operation may be called from any thread. On a manual-reset
+// point Broadcast costs one atomic store when nobody waits (a load when the
+// point is already signalled), and Wait on a signalled point takes no lock.
+// Destroying a point that threads still wait on is the caller's
 // error.
 #ifndef KELWAITINGPOINT_H
 #define KELWAITINGPOINT_H

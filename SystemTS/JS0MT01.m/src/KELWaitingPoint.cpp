@@ -1,8 +1,9 @@
-// KELWaitingPoint: an event on a mutex and a condition variable, with the
-// signalled flag and the waiter count kept in atomics so that Broadcast,
-// Reset and a Wait on a signalled point never take the mutex.
+// KELWaitingPoint: an event on a mutex and a condition variable. For manual
+// reset the signalled flag and the waiter count are atomics, so that
+// Broadcast, Reset and a Wait on a signalled point never take the mutex; auto
+// reset runs wholly under the mutex.
 //
-// The fast paths are safe by a store-then-load handshake, both sides
+// The manual fast paths are safe by a store-then-load handshake, both sides
 // sequentially consistent: Broadcast stores the flag and then reads the
 // waiter count; a waiter raises the count (under the mutex) and then reads
 // the flag. Whichever comes second sees the other: either the waiter sees
@@ -18,17 +19,30 @@ KELWaitingPoint::KELWaitingPoint(int autoReset, int initiallyNotSignalled)
 KELWaitingPoint::~KELWaitingPoint() = default;
 
 int KELWaitingPoint::Broadcast() {
-  // Already signalled: this Broadcast is ordered before any Reset still to
-  // come, and whoever set the flag has handled the waiters.
+  if (_autoReset) {
+    // One signal must wake exactly the waiters present, or else be left for
+    // exactly one later Wait; the mutex keeps those two cases apart.
+    {
+      std::lock_guard<std::mutex> lock(_mutex);
+      if (_waiters.load(std::memory_order_relaxed) == 0) {
+        _signalled.store(1, std::memory_order_relaxed);
+        return 0;
+      }
+      ++_generation;
+      _signalled.store(0, std::memory_order_relaxed);
+    }
+    _cond.notify_all();
+    return 0;
+  }
+  // Manual reset. Already signalled: whoever set the flag has woken (or is
+  // waking) the waiters, and this Broadcast is ordered before any Reset still
+  // to come.
   if (_signalled.load(std::memory_order_relaxed) != 0) return 0;
   _signalled.store(1, std::memory_order_seq_cst);
   if (_waiters.load(std::memory_order_seq_cst) == 0) return 0;
   {
     std::lock_guard<std::mutex> lock(_mutex);
     ++_generation;
-    if (_autoReset && _waiters.load(std::memory_order_relaxed) != 0) {
-      _signalled.store(0, std::memory_order_relaxed);
-    }
   }
   _cond.notify_all();
   return 0;
@@ -40,25 +54,32 @@ int KELWaitingPoint::Reset() {
 }
 
 int KELWaitingPoint::Wait(int milliseconds) {
-  const auto takeSignal = [this] {
-    if (!_autoReset) return _signalled.load(std::memory_order_seq_cst) != 0;
-    int expected = 1;
-    return _signalled.compare_exchange_strong(expected, 0, std::memory_order_seq_cst);
-  };
-  if (takeSignal()) return 0;
-  if (milliseconds == 0) return -1;
+  // Manual reset: a signalled point is seen without the mutex.
+  if (!_autoReset && _signalled.load(std::memory_order_seq_cst) != 0) return 0;
 
   const bool limited = milliseconds > 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
   std::unique_lock<std::mutex> lock(_mutex);
+  // Auto reset: a signal left by a Broadcast that found no waiter is taken
+  // by this one Wait.
+  const auto signalled = [this] {
+    if (!_autoReset) return _signalled.load(std::memory_order_seq_cst) != 0;
+    if (_signalled.load(std::memory_order_relaxed) == 0) return false;
+    _signalled.store(0, std::memory_order_relaxed);
+    return true;
+  };
   _waiters.fetch_add(1, std::memory_order_seq_cst);
   const unsigned generation = _generation;
   int rc = 0;
-  while (_generation == generation && !takeSignal()) {
+  while (_generation == generation && !signalled()) {
+    if (milliseconds == 0) {
+      rc = -1;
+      break;
+    }
     if (!limited) {
       _cond.wait(lock);
     } else if (_cond.wait_until(lock, deadline) == std::cv_status::timeout) {
-      if (_generation == generation && !takeSignal()) rc = -1;
+      if (_generation == generation && !signalled()) rc = -1;
       break;
     }
   }
