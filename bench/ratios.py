@@ -15,6 +15,8 @@ Names it knows:
         impl: ours_unchecked, ours_bounded, utfcpp, icu, memcpy
     hashv3/<corpus>/<impl>        impl: ours_utf16, ours_utf8, naive, naive_utf8
     base64_encode/<impl>, base64_decode/<impl>    impl: ours, openssl, glib
+    <case>/<impl> with an impl "ours" (locks, queue, containers): peer time
+        over our time, each member of a case doing the same work per iteration.
 Anything else is listed at the end and otherwise ignored.
 
 Ratios are of bytes_per_second, so above 1 means faster than the reference.
@@ -35,9 +37,10 @@ TIME_UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
 class Result:
-    def __init__(self, bytes_per_second, cpu_ns):
+    def __init__(self, bytes_per_second, cpu_ns, real_ns=None):
         self.bytes_per_second = bytes_per_second
         self.cpu_ns = cpu_ns
+        self.real_ns = real_ns if real_ns is not None else cpu_ns
 
 
 def load(paths):
@@ -54,19 +57,22 @@ def load(paths):
             if b.get("error_occurred"):
                 continue
             name = b.get("run_name") or b["name"]
-            cpu_ns = b.get("cpu_time", 0.0) * TIME_UNIT_NS.get(b.get("time_unit", "ns"), 1.0)
+            unit = TIME_UNIT_NS.get(b.get("time_unit", "ns"), 1.0)
+            cpu_ns = b.get("cpu_time", 0.0) * unit
+            real_ns = b.get("real_time", 0.0) * unit
             bps = b.get("bytes_per_second")
             if b.get("run_type") == "aggregate":
                 if b.get("aggregate_name") == "median":
-                    medians[name] = Result(bps, cpu_ns)
+                    medians[name] = Result(bps, cpu_ns, real_ns)
             else:
-                plain.setdefault(name, []).append((bps, cpu_ns))
+                plain.setdefault(name, []).append((bps, cpu_ns, real_ns))
     for name, runs in plain.items():
         if name in medians:
             continue
-        rates = [r for r, _ in runs if r is not None]
+        rates = [r for r, _, _ in runs if r is not None]
         medians[name] = Result(statistics.median(rates) if rates else None,
-                               statistics.median(t for _, t in runs))
+                               statistics.median(t for _, t, _ in runs),
+                               statistics.median(t for _, _, t in runs))
     return medians
 
 
@@ -177,6 +183,32 @@ def base64_section(results):
 KNOWN_FAMILIES = {"utf8to16", "utf16to8", "hashv3", "base64_encode", "base64_decode"}
 
 
+def timed_sections(results):
+    """Every other "<case>/<impl>" group that has an "ours" member: the peers'
+    time over ours (above 1 means ours is faster). CPU time, or wall-clock
+    time for benchmarks run with UseRealTime() (names ending "/real_time").
+    Each member of a group must do the same work per iteration."""
+    groups = {}
+    for name, res in results.items():
+        real = name.endswith("/real_time")
+        base = name[: -len("/real_time")] if real else name
+        case, _, impl = base.rpartition("/")
+        if not case or case.split("/")[0] in KNOWN_FAMILIES:
+            continue
+        groups.setdefault(case, {})[impl] = res.real_ns if real else res.cpu_ns
+    rows = []
+    for case, impls in groups.items():
+        ours = impls.get("ours")
+        if not ours:
+            continue
+        peers = [f"{impl} {fmt_ratio(t / ours)}" for impl, t in impls.items() if impl != "ours"]
+        rows.append([case, f"{ours:.1f}", ", ".join(peers)])
+    if not rows:
+        return None
+    return ("### Timed comparisons\n\nPeer time / our time (medians); above 1 means ours is faster.\n\n"
+            + table(["case", "ours ns/iteration", "peers"], rows))
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("json", nargs="+", help="Google Benchmark JSON output, '-' for stdin")
@@ -194,10 +226,14 @@ def main(argv=None):
                            "memcpy copies the UTF-16 form (2 bytes a unit) and counts those bytes."),
         hash_section(results),
         base64_section(results),
+        timed_sections(results),
     ]
     print("\n\n".join(s for s in sections if s))
 
-    unknown = sorted(n for n in results if n.split("/")[0] not in KNOWN_FAMILIES)
+    strip = lambda n: n[: -len("/real_time")] if n.endswith("/real_time") else n
+    with_ours = {strip(n).rpartition("/")[0] for n in results if strip(n).endswith("/ours")}
+    unknown = sorted(n for n in results if n.split("/")[0] not in KNOWN_FAMILIES
+                     and strip(n).rpartition("/")[0] not in with_ours)
     if unknown:
         print("\nNot tabulated: " + ", ".join(unknown))
     return 0
