@@ -1,0 +1,113 @@
+// The national-language core: detection from the locale environment (in
+// fresh child processes, since it runs once per process), code page names and
+// sizes, changes of language and their callbacks, the log writer.
+#include "NUVSysNLSEnv.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Detection {
+  const char* lcAll;
+  const char* lcCtype;
+  const char* lang;
+  const char* expected;  // "<code page>|<locale entry>"
+};
+
+void setOrUnset(const char* name, const char* value) {
+  if (value != nullptr) {
+    setenv(name, value, 1);
+  } else {
+    unsetenv(name);
+  }
+}
+
+TEST(NUVSysNLSEnvDeathTest, DetectionFollowsThePosixPrecedence) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: detection runs once
+  const Detection cases[] = {
+      {nullptr, nullptr, nullptr, "UTF-8|C"},
+      {"", "", "POSIX", "UTF-8|C"},
+      {nullptr, nullptr, "fr_FR.ISO-8859-1", "ISO-8859-1|fr_FR"},
+      {"ja_JP.eucJP", "ko_KR.EUC-KR", "fr_FR.UTF-8", "EUC-JP|ja_JP"},
+      {"", "de_DE.utf8", "ja_JP.SJIS", "UTF-8|de_DE"},
+      {nullptr, "C", "zh_CN.GB18030@stroke", "UTF-8|C"},
+      {nullptr, nullptr, "zh_CN.gb18030@stroke", "GB18030|zh_CN"},
+      {nullptr, nullptr, "xx_YY", "UTF-8|xx_YY"},  // no codeset, not installed
+  };
+  for (const Detection& c : cases) {
+    EXPECT_EXIT(
+        {
+          setOrUnset("LC_ALL", c.lcAll);
+          setOrUnset("LC_CTYPE", c.lcCtype);
+          setOrUnset("LANG", c.lang);
+          NUVSysNLSEnv env;
+          GetEnvNLSData(env);
+          std::fprintf(stderr, "<%s|%s>", env.codePage, env.localeEntry);
+          std::exit(0);
+        },
+        testing::ExitedWithCode(0), std::string("<") + c.expected + ">")
+        << (c.lang ? c.lang : "(no LANG)");
+  }
+}
+
+TEST(NUVSysNLSEnv, CodePageNamesAndCharacterSizes) {
+  struct Case {
+    const char* locale;
+    const char* codePage;
+    int maxSize;
+  } const cases[] = {
+      {"en_US.utf8", "UTF-8", 4},        {"zh_CN.GB18030", "GB18030", 4},  {"ja_JP.eucjp", "EUC-JP", 3},
+      {"ja_JP.SJIS", "SHIFT_JIS", 2},    {"ja_JP.Shift_JIS", "SHIFT_JIS", 2}, {"zh_TW.Big5", "BIG5", 2},
+      {"ko_KR.euckr", "EUC-KR", 2},      {"zh_TW.euctw", "EUC-TW", 4},     {"de_DE.iso88591", "ISO-8859-1", 1},
+      {"pl_PL.ISO_8859-2", "ISO-8859-2", 1}, {"de_DE.cp1252", "CP1252", 1}, {"ru_RU.KOI8-R", "KOI8-R", 1},
+      {"xx_XX.MYSTERY", "MYSTERY", 4},   {"C", "UTF-8", 4},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(NLSCoreChangeLanguage(c.locale), 0);
+    NUVSysNLSEnv env;
+    GetEnvNLSData(env);
+    EXPECT_STREQ(env.codePage, c.codePage) << c.locale;
+    EXPECT_EQ(NUVGetMultiByteCharMaxSize(), c.maxSize) << c.locale;
+  }
+  EXPECT_EQ(NLSCoreChangeLanguage(nullptr), -1);
+}
+
+std::vector<std::string> g_seen;
+void onChange(const NUVSysNLSEnv& env) { g_seen.push_back(std::string(env.codePage) + "|" + env.localeEntry); }
+void onChangeToo(const NUVSysNLSEnv&) { g_seen.push_back("too"); }
+
+TEST(NUVSysNLSEnv, ChangeOfLanguageCallsEveryCallbackOnce) {
+  EXPECT_EQ(NLSCoreRegisterCBOnChange(nullptr), -1);
+  ASSERT_EQ(NLSCoreRegisterCBOnChange(onChange), 0);
+  ASSERT_EQ(NLSCoreRegisterCBOnChange(onChange), 0);  // once only
+  ASSERT_EQ(NLSCoreRegisterCBOnChange(onChangeToo), 0);
+  g_seen.clear();
+  ASSERT_EQ(NLSCoreChangeLanguage("ja_JP.eucJP"), 0);
+  EXPECT_EQ(g_seen, (std::vector<std::string>{"EUC-JP|ja_JP", "too"}));
+}
+
+TEST(NUVSysNLSEnvDeathTest, LogWriterIsSwitchedByTheTraceVariable) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        setenv("NUVSysNLSCoreTrace", "1", 1);
+        LogNLSCore(stderr, "line %d\n", 7);
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "^\\[PID:[0-9]+\\]line 7\n\n$");
+  EXPECT_EXIT(
+      {
+        setenv("NUVSysNLSCoreTrace", "256", 1);  // low 8 bits are 0
+        LogNLSCore(stderr, "hidden");
+        std::fprintf(stderr, "end");
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "^end$");
+}
+
+}  // namespace
