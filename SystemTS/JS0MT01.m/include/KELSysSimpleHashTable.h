@@ -43,7 +43,11 @@ SYSTEMTS_API int KELSimpleHashCompare(void* a, void* b);
 //   table computes them inline instead of calling them; results are the same.
 // - The block also keeps, after the entries, a 64-bit reciprocal of the
 //   bucket count, so that the bucket (hash modulo the bucket count) is found
-//   with two multiplications; the object keeps its five documented fields.
+//   with two multiplications, and whether the functions are the pointer-set
+//   ones; the object keeps its five documented fields and its size.
+// - Blocks of 32 MiB and more (tables of about 1.4 million buckets and up)
+//   are advised to the kernel as transparent huge pages (madvise), which
+//   makes building and searching large tables much cheaper; only advice.
 // - Growing and shrinking link every entry again at its own position; the
 //   result is what inserting the items again in entry order gives, but the
 //   equality function is not called (the items are already known distinct).

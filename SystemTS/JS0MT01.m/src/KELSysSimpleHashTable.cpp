@@ -1,21 +1,24 @@
 // KELSysSimpleHashTable.cpp - the pointer hash set.
 //
 // Layout of the one block, for n buckets:
-//   Entry* heads[n] | Entry entries[n] | uint64_t reciprocal
-// The reciprocal is Lemire's fastmod constant for n: with it the bucket
+//   Entry* heads[n] | Entry entries[n] | Trailer
+// The trailer holds Lemire's fastmod constant for n, with which the bucket
 // (hash % n, unsigned 32-bit) costs two multiplications instead of a division
-// and gives exactly the same value for every hash and every n.
+// and is exactly the same value for every hash and every n; and whether the
+// table uses the pointer-set functions, which are then computed inline.
 //
 // Every operation is written once as a template over the hash and equality
-// it uses: the caller's function pointers, or the pointer-set functions
-// computed inline when the table was built with KELSimpleHashIt and
-// KELSimpleHashCompare.
+// it uses: the caller's function pointers, or the pointer-set functions.
 #include "KELSysSimpleHashTable.h"
 
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 using Entry = KELSysSimpleHashTable::Entry;
 
@@ -45,16 +48,44 @@ struct CallerOps {
 // Lemire's fastmod for 32-bit values: m = 2^64 / n rounded up.
 uint64_t reciprocal(uint32_t n) { return ~uint64_t{0} / n + 1; }
 
-// The block of `buckets` buckets: heads, entries, reciprocal.
-size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(uint64_t); }
+// What follows the entries.
+struct Trailer {
+  uint64_t reciprocal;  // of the bucket count
+  uint64_t pointerSet;  // 1 when the functions are KELSimpleHashIt and KELSimpleHashCompare
+};
 
-// Allocates a block with null heads and its reciprocal set; null on failure.
-Entry** newBlock(uint32_t buckets) {
+// The block of `buckets` buckets: heads, entries, trailer.
+size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(Trailer); }
+Trailer* trailerOf(Entry** heads, uint32_t buckets) {
+  return reinterpret_cast<Trailer*>(heads + size_t{buckets} * 3);
+}
+
+// Blocks from this size on are mapped on their own by malloc (its largest
+// threshold for choosing a mapping). Their fresh pages cost one fault each,
+// which is most of the time spent building a large table, so such blocks ask
+// for transparent huge pages: one fault for 2 MiB, and fewer TLB misses in
+// lookups. Only advice: when the kernel declines, nothing changes.
+constexpr size_t kHugePageAdviceBytes = size_t{32} << 20;
+
+void adviseHugePages(void* block, size_t bytes) {
+  if (bytes < kHugePageAdviceBytes) return;
+  static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(block) + page - 1) & ~(page - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(page - 1);
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
+bool isPointerSet(unsigned int (*hash)(void*), int (*equal)(void*, void*)) {
+  return hash == &KELSimpleHashIt && equal == &KELSimpleHashCompare;
+}
+
+// Allocates a block with null heads and its trailer set; null on failure.
+Entry** newBlock(uint32_t buckets, bool pointerSet) {
   auto* heads = static_cast<Entry**>(std::malloc(blockBytes(buckets)));
   if (heads == nullptr) return nullptr;
+  adviseHugePages(heads, blockBytes(buckets));
   std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
-  const uint64_t m = reciprocal(buckets);
-  std::memcpy(reinterpret_cast<unsigned char*>(heads) + size_t{buckets} * 3 * sizeof(void*), &m, sizeof m);
+  new (trailerOf(heads, buckets)) Trailer{reciprocal(buckets), pointerSet ? 1u : 0u};
   return heads;
 }
 
@@ -69,24 +100,26 @@ struct SimpleHashCore {
     Entry* entries;
     uint64_t m;
     uint32_t n;
+    bool pointerSet;
 
     explicit View(const KELSysSimpleHashTable& t)
         : heads(t._Storage),
           entries(reinterpret_cast<Entry*>(t._Storage + t._BucketCount)),
-          m(0),
-          n(static_cast<uint32_t>(t._BucketCount)) {
-      std::memcpy(&m, reinterpret_cast<const unsigned char*>(heads) + size_t{n} * 3 * sizeof(void*), sizeof m);
-    }
+          m(trailerOf(t._Storage, static_cast<uint32_t>(t._BucketCount))->reciprocal),
+          n(static_cast<uint32_t>(t._BucketCount)),
+          pointerSet(trailerOf(t._Storage, static_cast<uint32_t>(t._BucketCount))->pointerSet != 0) {}
     uint32_t bucket(uint32_t h) const {
       return static_cast<uint32_t>((static_cast<unsigned __int128>(m * h) * n) >> 64);
     }
   };
 
-  // Runs `f` with the table's operations, inline when they are the pointer-set ones.
+  static CallerOps callerOps(const KELSysSimpleHashTable& t) { return {t._Hash, t._Equal}; }
+
+  // Runs `f` with the table's operations.
   template <class F>
   static decltype(auto) dispatch(const KELSysSimpleHashTable& t, F&& f) {
-    if (t._Hash == &KELSimpleHashIt && t._Equal == &KELSimpleHashCompare) return f(PointerOps{});
-    return f(CallerOps{t._Hash, t._Equal});
+    if (isPointerSet(t._Hash, t._Equal)) return f(PointerOps{});
+    return f(callerOps(t));
   }
 
   // The entry whose item equals `item`, with the link that points at it.
@@ -103,34 +136,67 @@ struct SimpleHashCore {
     }
     return {link, nullptr};  // link: the end of the chain
   }
+  // The public operations are written so that the pointer-set case is a short
+  // leaf function: a lookup is a few instructions around two memory accesses,
+  // and the fewer instructions each lookup takes, the more lookups the
+  // processor keeps in flight. The caller's functions, growth and shrinking
+  // are out of line.
 
-  // Status of an insertion: 1 added, 0 present, -1 could not grow.
+  __attribute__((noinline)) static const Entry* locateSlow(const KELSysSimpleHashTable& t, void* item) {
+    if (t._Storage == nullptr) return nullptr;
+    const View v(t);
+    return dispatch(t, [&](auto ops) { return find(v, item, ops).entry; });
+  }
+  static const Entry* locate(const KELSysSimpleHashTable& t, void* item) {
+    if (__builtin_expect(t._Storage != nullptr, 1)) {
+      const View v(t);
+      if (__builtin_expect(v.pointerSet, 1)) return find(v, item, PointerOps{}).entry;
+    }
+    return locateSlow(t, item);
+  }
+
+  // Result of an insertion: status 1 added, 0 present, -1 could not grow;
+  // kFull (only from tryInsert) when the table must grow first.
+  static constexpr int kFull = 2;
   struct Inserted {
     void* item;
     int status;
   };
   template <class Ops>
-  static Inserted insert(KELSysSimpleHashTable& t, void* item, Ops ops) {
+  static Inserted tryInsert(KELSysSimpleHashTable& t, const View& v, void* item, Ops ops) {
+    const Found f = find(v, item, ops);
+    if (f.entry != nullptr) return {f.entry->item, 0};
+    if (t._Count == t._BucketCount) return {nullptr, kFull};
+    Entry* e = &v.entries[t._Count++];
+    e->item = item;
+    e->next = nullptr;
+    *f.link = e;
+    return {item, 1};
+  }
+  __attribute__((noinline)) static Inserted insertSlow(KELSysSimpleHashTable& t, void* item) {
     if (t._Storage == nullptr) return {nullptr, -1};
-    for (;;) {
-      const View v(t);
-      const Found f = find(v, item, ops);
-      if (f.entry != nullptr) return {f.entry->item, 0};
-      if (t._Count != t._BucketCount) {
-        Entry* e = &v.entries[t._Count++];
-        e->item = item;
-        e->next = nullptr;
-        *f.link = e;
-        return {item, 1};
+    return dispatch(t, [&](auto ops) -> Inserted {
+      for (;;) {
+        const Inserted r = tryInsert(t, View(t), item, ops);
+        if (r.status != kFull) return r;
+        if (t.ReAllocate(0) != 0) return {nullptr, -1};
       }
-      if (t.ReAllocate(0) != 0) return {nullptr, -1};
+    });
+  }
+  static Inserted insert(KELSysSimpleHashTable& t, void* item) {
+    if (__builtin_expect(t._Storage != nullptr, 1)) {
+      const View v(t);
+      if (__builtin_expect(v.pointerSet, 1)) {
+        const Inserted r = tryInsert(t, v, item, PointerOps{});
+        if (__builtin_expect(r.status != kFull, 1)) return r;
+      }
     }
+    return insertSlow(t, item);
   }
 
   template <class Ops>
-  static void* remove(KELSysSimpleHashTable& t, void* item, Ops ops) {
-    if (t._Storage == nullptr || t._Count == 0) return nullptr;
-    const View v(t);
+  static void* remove(KELSysSimpleHashTable& t, const View& v, void* item, Ops ops) {
+    if (t._Count == 0) return nullptr;
     if (t._Count == 1) {
       Entry** head = &v.heads[v.bucket(ops.hash(item))];
       if (*head == nullptr || !ops.equal((*head)->item, item)) return nullptr;
@@ -158,13 +224,28 @@ struct SimpleHashCore {
       hole->next = last->next;
     }
     const int count = --t._Count;
-    if (3 * int64_t{count} < t._BucketCount && count >= 12) t.ReAllocate(static_cast<int>(count * 1.1));
+    if (3 * int64_t{count} < t._BucketCount && count >= 12) return shrink(t, count, removed);
+    return removed;
+  }
+  __attribute__((noinline)) static void* removeSlow(KELSysSimpleHashTable& t, void* item) {
+    if (t._Storage == nullptr) return nullptr;
+    return dispatch(t, [&](auto ops) { return remove(t, View(t), item, ops); });
+  }
+  static void* remove(KELSysSimpleHashTable& t, void* item) {
+    if (__builtin_expect(t._Storage != nullptr, 1)) {
+      const View v(t);
+      if (__builtin_expect(v.pointerSet, 1)) return remove(t, v, item, PointerOps{});
+    }
+    return removeSlow(t, item);
+  }
+  __attribute__((noinline)) static void* shrink(KELSysSimpleHashTable& t, int count, void* removed) {
+    t.ReAllocate(static_cast<int>(count * 1.1));
     return removed;
   }
 
   // The link pointing at `target`, searched everywhere: only needed when the
   // hash function gave an item a different value than when it was inserted.
-  static Entry** linkTo(const View& v, uint32_t count, Entry* target) {
+  __attribute__((noinline)) static Entry** linkTo(const View& v, uint32_t count, Entry* target) {
     for (uint32_t b = 0; b < v.n; ++b)
       if (v.heads[b] == target) return &v.heads[b];
     for (uint32_t i = 0; i < count; ++i)
@@ -178,7 +259,7 @@ struct SimpleHashCore {
   // in entry order gives.
   template <class Ops>
   static int rebuild(KELSysSimpleHashTable& t, uint32_t buckets, Ops ops) {
-    Entry** heads = newBlock(buckets);
+    Entry** heads = newBlock(buckets, isPointerSet(t._Hash, t._Equal));
     if (heads == nullptr) return -1;
     const View old(t);
     t._Storage = heads;
@@ -194,12 +275,6 @@ struct SimpleHashCore {
     }
     std::free(old.heads);
     return 0;
-  }
-
-  static const Entry* locate(const KELSysSimpleHashTable& t, void* item) {
-    if (t._Storage == nullptr) return nullptr;
-    const View v(t);
-    return dispatch(t, [&](auto ops) { return find(v, item, ops).entry; });
   }
 };
 
@@ -230,7 +305,7 @@ KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void
   int m = UpToNiceModulo(request);
   for (;;) {
     const int buckets = m <= 10 ? 11 : m;
-    _Storage = systemts::detail::newBlock(static_cast<uint32_t>(buckets));
+    _Storage = systemts::detail::newBlock(static_cast<uint32_t>(buckets), systemts::detail::isPointerSet(_Hash, _Equal));
     if (_Storage != nullptr) {
       _BucketCount = buckets;
       return;
@@ -248,17 +323,11 @@ KELSysSimpleHashTable::~KELSysSimpleHashTable() {
   _Count = 0;
 }
 
-int KELSysSimpleHashTable::Insert(void* item) {
-  return SimpleHashCore::dispatch(*this, [&](auto ops) { return SimpleHashCore::insert(*this, item, ops).status; });
-}
+int KELSysSimpleHashTable::Insert(void* item) { return SimpleHashCore::insert(*this, item).status; }
 
-void* KELSysSimpleHashTable::InsertAndReturn(void* item) {
-  return SimpleHashCore::dispatch(*this, [&](auto ops) { return SimpleHashCore::insert(*this, item, ops).item; });
-}
+void* KELSysSimpleHashTable::InsertAndReturn(void* item) { return SimpleHashCore::insert(*this, item).item; }
 
-void* KELSysSimpleHashTable::Remove(void* item) {
-  return SimpleHashCore::dispatch(*this, [&](auto ops) { return SimpleHashCore::remove(*this, item, ops); });
-}
+void* KELSysSimpleHashTable::Remove(void* item) { return SimpleHashCore::remove(*this, item); }
 
 void* KELSysSimpleHashTable::Locate(void* item) const {
   const Entry* e = SimpleHashCore::locate(*this, item);
