@@ -80,11 +80,16 @@ bool isPointerSet(unsigned int (*hash)(void*), int (*equal)(void*, void*)) {
 }
 
 // Allocates a block with null heads and its trailer set; null on failure.
+// A large block comes from calloc: it is a fresh mapping, zero already, so
+// its heads need no clearing pass (and its pages are not touched before the
+// huge-page advice).
 Entry** newBlock(uint32_t buckets, bool pointerSet) {
-  auto* heads = static_cast<Entry**>(std::malloc(blockBytes(buckets)));
+  const size_t bytes = blockBytes(buckets);
+  const bool large = bytes >= kHugePageAdviceBytes;
+  auto* heads = static_cast<Entry**>(large ? std::calloc(1, bytes) : std::malloc(bytes));
   if (heads == nullptr) return nullptr;
-  adviseHugePages(heads, blockBytes(buckets));
-  std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
+  adviseHugePages(heads, bytes);
+  if (!large) std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
   new (trailerOf(heads, buckets)) Trailer{reciprocal(buckets), pointerSet ? 1u : 0u};
   return heads;
 }
@@ -153,6 +158,15 @@ struct SimpleHashCore {
       if (__builtin_expect(v.pointerSet, 1)) return find(v, item, PointerOps{}).entry;
     }
     return locateSlow(t, item);
+  }
+  static void* locateItem(const KELSysSimpleHashTable& t, void* item) {
+    if (__builtin_expect(t._Storage != nullptr, 1)) {
+      const View v(t);
+      // An equal stored pointer is `item` itself: no load of it.
+      if (__builtin_expect(v.pointerSet, 1)) return find(v, item, PointerOps{}).entry != nullptr ? item : nullptr;
+    }
+    const Entry* e = locateSlow(t, item);
+    return e != nullptr ? e->item : nullptr;
   }
 
   // Result of an insertion: status 1 added, 0 present, -1 could not grow;
@@ -329,10 +343,7 @@ void* KELSysSimpleHashTable::InsertAndReturn(void* item) { return SimpleHashCore
 
 void* KELSysSimpleHashTable::Remove(void* item) { return SimpleHashCore::remove(*this, item); }
 
-void* KELSysSimpleHashTable::Locate(void* item) const {
-  const Entry* e = SimpleHashCore::locate(*this, item);
-  return e != nullptr ? e->item : nullptr;
-}
+void* KELSysSimpleHashTable::Locate(void* item) const { return SimpleHashCore::locateItem(*this, item); }
 
 KELSysSimpleHashTable::Entry* KELSysSimpleHashTable::LocateBucket(void* item) const {
   return const_cast<Entry*>(SimpleHashCore::locate(*this, item));
