@@ -43,8 +43,9 @@ SYSTEMTS_API int KELSimpleHashCompare(void* a, void* b);
 //   table computes them inline instead of calling them; results are the same.
 // - The block also keeps, after the entries, a 64-bit reciprocal of the
 //   bucket count, so that the bucket (hash modulo the bucket count) is found
-//   with two multiplications, and whether the functions are the pointer-set
-//   ones; the object keeps its five documented fields and its size.
+//   with two multiplications; the object keeps its five documented fields and
+//   its size. The storage field has its lowest bit set (malloc blocks leave
+//   it free) when the functions are the pointer-set ones.
 // - Blocks of 32 MiB and more (tables of about 1.4 million buckets and up)
 //   are advised to the kernel as transparent huge pages (madvise), which
 //   makes building and searching large tables much cheaper; only advice.
@@ -135,7 +136,7 @@ class SYSTEMTS_API KELSysSimpleHashTable {
 
   int (*_Equal)(void*, void*);
   unsigned int (*_Hash)(void*);
-  Entry** _Storage;  // bucket heads, then the entries, then the reciprocal
+  Entry** _Storage;  // bucket heads, entries, reciprocal; lowest bit: pointer set
   int _BucketCount;
   int _Count;
 };

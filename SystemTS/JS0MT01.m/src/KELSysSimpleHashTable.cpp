@@ -1,21 +1,25 @@
 // KELSysSimpleHashTable.cpp - the pointer hash set.
 //
 // Layout of the one block, for n buckets:
-//   Entry* heads[n] | Entry entries[n] | Trailer
-// The trailer holds Lemire's fastmod constant for n, with which the bucket
+//   Entry* heads[n] | Entry entries[n] | uint64_t reciprocal
+// The reciprocal is Lemire's fastmod constant for n, with which the bucket
 // (hash % n, unsigned 32-bit) costs two multiplications instead of a division
-// and is exactly the same value for every hash and every n; and whether the
-// table uses the pointer-set functions, which are then computed inline.
+// and is exactly the same value for every hash and every n.
+//
+// The storage field holds the block's address with its lowest bit set when
+// the table uses the pointer-set functions (malloc blocks are at least 8-byte
+// aligned, so the bit is free): the inline path is then chosen from the one
+// field a lookup reads first, without another memory access.
 //
 // Every operation is written once as a template over the hash and equality
 // it uses: the caller's function pointers, or the pointer-set functions.
 #include "KELSysSimpleHashTable.h"
 
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -48,16 +52,20 @@ struct CallerOps {
 // Lemire's fastmod for 32-bit values: m = 2^64 / n rounded up.
 uint64_t reciprocal(uint32_t n) { return ~uint64_t{0} / n + 1; }
 
-// What follows the entries.
-struct Trailer {
-  uint64_t reciprocal;  // of the bucket count
-  uint64_t pointerSet;  // 1 when the functions are KELSimpleHashIt and KELSimpleHashCompare
-};
+// The block of `buckets` buckets: heads, entries, reciprocal.
+size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(uint64_t); }
+uint64_t* reciprocalOf(Entry** heads, uint32_t buckets) {
+  return reinterpret_cast<uint64_t*>(heads + size_t{buckets} * 3);
+}
 
-// The block of `buckets` buckets: heads, entries, trailer.
-size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(Trailer); }
-Trailer* trailerOf(Entry** heads, uint32_t buckets) {
-  return reinterpret_cast<Trailer*>(heads + size_t{buckets} * 3);
+// The storage field: the block's address, its lowest bit set for pointer sets.
+constexpr uintptr_t kPointerSetBit = 1;
+static_assert(alignof(std::max_align_t) > kPointerSetBit, "malloc blocks leave the lowest bit free");
+Entry** tagged(Entry** block, bool pointerSet) {
+  return reinterpret_cast<Entry**>(reinterpret_cast<uintptr_t>(block) | (pointerSet ? kPointerSetBit : 0));
+}
+Entry** untagged(Entry** storage) {
+  return reinterpret_cast<Entry**>(reinterpret_cast<uintptr_t>(storage) & ~kPointerSetBit);
 }
 
 // Blocks from this size on are mapped on their own by malloc (its largest
@@ -79,18 +87,18 @@ bool isPointerSet(unsigned int (*hash)(void*), int (*equal)(void*, void*)) {
   return hash == &KELSimpleHashIt && equal == &KELSimpleHashCompare;
 }
 
-// Allocates a block with null heads and its trailer set; null on failure.
+// Allocates a block with null heads and its reciprocal set; null on failure.
 // A large block comes from calloc: it is a fresh mapping, zero already, so
 // its heads need no clearing pass (and its pages are not touched before the
 // huge-page advice).
-Entry** newBlock(uint32_t buckets, bool pointerSet) {
+Entry** newBlock(uint32_t buckets) {
   const size_t bytes = blockBytes(buckets);
   const bool large = bytes >= kHugePageAdviceBytes;
   auto* heads = static_cast<Entry**>(large ? std::calloc(1, bytes) : std::malloc(bytes));
   if (heads == nullptr) return nullptr;
   adviseHugePages(heads, bytes);
   if (!large) std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
-  new (trailerOf(heads, buckets)) Trailer{reciprocal(buckets), pointerSet ? 1u : 0u};
+  *reciprocalOf(heads, buckets) = reciprocal(buckets);
   return heads;
 }
 
@@ -105,20 +113,28 @@ struct SimpleHashCore {
     Entry* entries;
     uint64_t m;
     uint32_t n;
-    bool pointerSet;
 
-    explicit View(const KELSysSimpleHashTable& t)
-        : heads(t._Storage),
-          entries(reinterpret_cast<Entry*>(t._Storage + t._BucketCount)),
-          m(trailerOf(t._Storage, static_cast<uint32_t>(t._BucketCount))->reciprocal),
-          n(static_cast<uint32_t>(t._BucketCount)),
-          pointerSet(trailerOf(t._Storage, static_cast<uint32_t>(t._BucketCount))->pointerSet != 0) {}
+    View() : heads(nullptr), entries(nullptr), m(0), n(0) {}
+    View(Entry** block, int buckets)
+        : heads(block),
+          entries(reinterpret_cast<Entry*>(block + buckets)),
+          m(*reciprocalOf(block, static_cast<uint32_t>(buckets))),
+          n(static_cast<uint32_t>(buckets)) {}
+    explicit View(const KELSysSimpleHashTable& t) : View(untagged(t._Storage), t._BucketCount) {}
     uint32_t bucket(uint32_t h) const {
       return static_cast<uint32_t>((static_cast<unsigned __int128>(m * h) * n) >> 64);
     }
   };
 
   static CallerOps callerOps(const KELSysSimpleHashTable& t) { return {t._Hash, t._Equal}; }
+  // The view of a pointer set's block, decided from the storage field alone;
+  // false for other tables and for a table without storage.
+  static bool pointerSetView(const KELSysSimpleHashTable& t, View* v) {
+    const uintptr_t storage = reinterpret_cast<uintptr_t>(t._Storage);
+    if (__builtin_expect((storage & kPointerSetBit) == 0, 0)) return false;
+    *v = View(reinterpret_cast<Entry**>(storage - kPointerSetBit), t._BucketCount);
+    return true;
+  }
 
   // Runs `f` with the table's operations.
   template <class F>
@@ -153,18 +169,14 @@ struct SimpleHashCore {
     return dispatch(t, [&](auto ops) { return find(v, item, ops).entry; });
   }
   static const Entry* locate(const KELSysSimpleHashTable& t, void* item) {
-    if (__builtin_expect(t._Storage != nullptr, 1)) {
-      const View v(t);
-      if (__builtin_expect(v.pointerSet, 1)) return find(v, item, PointerOps{}).entry;
-    }
+    View v;
+    if (pointerSetView(t, &v)) return find(v, item, PointerOps{}).entry;
     return locateSlow(t, item);
   }
   static void* locateItem(const KELSysSimpleHashTable& t, void* item) {
-    if (__builtin_expect(t._Storage != nullptr, 1)) {
-      const View v(t);
-      // An equal stored pointer is `item` itself: no load of it.
-      if (__builtin_expect(v.pointerSet, 1)) return find(v, item, PointerOps{}).entry != nullptr ? item : nullptr;
-    }
+    View v;
+    // An equal stored pointer is `item` itself: no load of it.
+    if (pointerSetView(t, &v)) return find(v, item, PointerOps{}).entry != nullptr ? item : nullptr;
     const Entry* e = locateSlow(t, item);
     return e != nullptr ? e->item : nullptr;
   }
@@ -198,12 +210,10 @@ struct SimpleHashCore {
     });
   }
   static Inserted insert(KELSysSimpleHashTable& t, void* item) {
-    if (__builtin_expect(t._Storage != nullptr, 1)) {
-      const View v(t);
-      if (__builtin_expect(v.pointerSet, 1)) {
-        const Inserted r = tryInsert(t, v, item, PointerOps{});
-        if (__builtin_expect(r.status != kFull, 1)) return r;
-      }
+    View v;
+    if (pointerSetView(t, &v)) {
+      const Inserted r = tryInsert(t, v, item, PointerOps{});
+      if (__builtin_expect(r.status != kFull, 1)) return r;
     }
     return insertSlow(t, item);
   }
@@ -246,10 +256,8 @@ struct SimpleHashCore {
     return dispatch(t, [&](auto ops) { return remove(t, View(t), item, ops); });
   }
   static void* remove(KELSysSimpleHashTable& t, void* item) {
-    if (__builtin_expect(t._Storage != nullptr, 1)) {
-      const View v(t);
-      if (__builtin_expect(v.pointerSet, 1)) return remove(t, v, item, PointerOps{});
-    }
+    View v;
+    if (pointerSetView(t, &v)) return remove(t, v, item, PointerOps{});
     return removeSlow(t, item);
   }
   __attribute__((noinline)) static void* shrink(KELSysSimpleHashTable& t, int count, void* removed) {
@@ -273,10 +281,10 @@ struct SimpleHashCore {
   // in entry order gives.
   template <class Ops>
   static int rebuild(KELSysSimpleHashTable& t, uint32_t buckets, Ops ops) {
-    Entry** heads = newBlock(buckets, isPointerSet(t._Hash, t._Equal));
+    Entry** heads = newBlock(buckets);
     if (heads == nullptr) return -1;
     const View old(t);
-    t._Storage = heads;
+    t._Storage = tagged(heads, isPointerSet(t._Hash, t._Equal));
     t._BucketCount = static_cast<int>(buckets);
     const View v(t);
     const uint32_t count = static_cast<uint32_t>(t._Count);
@@ -319,8 +327,8 @@ KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void
   int m = UpToNiceModulo(request);
   for (;;) {
     const int buckets = m <= 10 ? 11 : m;
-    _Storage = systemts::detail::newBlock(static_cast<uint32_t>(buckets), systemts::detail::isPointerSet(_Hash, _Equal));
-    if (_Storage != nullptr) {
+    if (Entry** block = systemts::detail::newBlock(static_cast<uint32_t>(buckets))) {
+      _Storage = systemts::detail::tagged(block, systemts::detail::isPointerSet(_Hash, _Equal));
       _BucketCount = buckets;
       return;
     }
@@ -331,7 +339,7 @@ KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void
 }
 
 KELSysSimpleHashTable::~KELSysSimpleHashTable() {
-  std::free(_Storage);
+  std::free(systemts::detail::untagged(_Storage));
   _Storage = nullptr;
   _BucketCount = 0;
   _Count = 0;
@@ -377,7 +385,7 @@ void* KELSysSimpleHashTable::NextWithKey(void* item) const {
 
 void* KELSysSimpleHashTable::Get(int i) const {
   if (i < 0 || i >= _Count) return nullptr;
-  return reinterpret_cast<const Entry*>(_Storage + _BucketCount)[i].item;
+  return SimpleHashCore::View(*this).entries[i].item;
 }
 
 int KELSysSimpleHashTable::Size() const { return _Count; }
@@ -385,7 +393,7 @@ int KELSysSimpleHashTable::Size() const { return _Count; }
 void KELSysSimpleHashTable::RemoveAll() {
   if (_Storage == nullptr) return;
   _Count = 0;
-  std::memset(_Storage, 0, static_cast<size_t>(_BucketCount) * sizeof(Entry*));
+  std::memset(systemts::detail::untagged(_Storage), 0, static_cast<size_t>(_BucketCount) * sizeof(Entry*));
 }
 
 void KELSysSimpleHashTable::PrintStats() const {}
