@@ -53,7 +53,7 @@ struct NUVSysHashTableStruct {
 //   490 "Duplicated pair '<key>' == '<value>'" (GetPair, for each pair passed
 //       over whose key differs; Get and Replace go through GetPair)
 //   422 "!! Collision slot for key '<key>' !!" (DelPair of a pair that has
-//       successors: Erase and the destructor write it for every slot that
+//       successors: Erase writes it, with the head's key, for every slot that
 //       holds more than one pair)
 // Compatibility: the "Duplicated pair" lines print the value with %s, as
 // text, so values are expected to be NUL-terminated text; a null value
@@ -63,7 +63,7 @@ struct NUVSysHashTableStruct {
 // - Destroying subclass values needs the subclass: a subclass's destructor
 //   calls Erase(). The base destructor never calls DeleteValue (it cannot
 //   reach the subclass any more): when pairs are left, it frees their keys,
-//   the pairs and the record, and leaves the values to their owner.
+//   the pairs and the record, silently, and leaves the values to their owner.
 // - An Add refused because collisions are not allowed releases everything it
 //   made: the key copy, the pair, and the value copy through DeleteValue. The
 //   values already stored are untouched. CopyValue and DeleteValue are
