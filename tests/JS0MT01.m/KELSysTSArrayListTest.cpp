@@ -1,0 +1,105 @@
+// The array store and the typed array list on it: the capacity sequence,
+// every refused argument, and insert/remove against std::vector.
+#include "KELSysTSArrayList.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+// Under AddressSanitizer, huge allocations give null as they do without it.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
+namespace {
+
+// The store with its fields in view.
+struct Store : KELSysTSArrayListAbstractCtnr {
+  explicit Store(int size) : KELSysTSArrayListAbstractCtnr(size) {}
+  int count() const { return _Count; }
+  int capacity() const { return _Capacity; }
+  const void* data() const { return _Data; }
+  int* ints() const { return static_cast<int*>(_Data); }
+};
+
+TEST(KELSysTSArrayList, CapacitySequence) {
+  Store s(sizeof(int));
+  std::vector<int> seen{s.capacity()};
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_EQ(S_OK, s.MakeRoom(s.count(), 1));
+    if (seen.back() != s.capacity()) seen.push_back(s.capacity());
+  }
+  EXPECT_EQ((std::vector<int>{0, 4, 8, 16, 32, 64}), seen);
+  const struct { int capacity, count, i, n, want; } kGrowth[] = {
+      {0, 0, 0, 3, 4}, {0, 0, 0, 10, 10}, {4, 4, 4, 5, 9}, {4, 2, 1, 2, 4}, {10, 10, 3, 11, 21}, {4, 4, 2, 0, 4}};
+  for (const auto& c : kGrowth) {
+    Store t(sizeof(int));
+    ASSERT_EQ(S_OK, t.SetCapacity(c.capacity));
+    ASSERT_EQ(S_OK, t.MakeRoom(0, c.count));
+    EXPECT_EQ(S_OK, t.MakeRoom(c.i, c.n));
+    EXPECT_EQ(c.want, t.capacity()) << c.capacity << " " << c.count << " MakeRoom(" << c.i << ", " << c.n << ")";
+  }
+}
+
+TEST(KELSysTSArrayList, StoreRefusals) {
+  Store s(sizeof(int));
+  EXPECT_EQ(E_FAIL, s.Move(0, 0, 0));  // no data
+  ASSERT_EQ(S_OK, s.MakeRoom(0, 3));
+  for (int i = 0; i < 3; ++i) s.ints()[i] = i + 1;
+  for (auto r : {std::pair{-1, 1}, {4, 1}, {0, -1}, {3, INT_MAX}}) EXPECT_EQ(E_FAIL, s.MakeRoom(r.first, r.second));
+  EXPECT_EQ(3, s.count());
+  EXPECT_EQ(E_FAIL, s.SetCapacity(2));  // below the count
+  const struct { int dst, src, n; } kBadMove[] = {{-1, 0, 1}, {0, -1, 1}, {0, 0, -1}, {3, 0, 2}, {0, 3, 2}};
+  for (const auto& c : kBadMove) EXPECT_EQ(E_FAIL, s.Move(c.dst, c.src, c.n));
+  EXPECT_EQ(S_OK, s.Move(1, 0, 3));  // anywhere inside the capacity
+  EXPECT_EQ(3, s.ints()[3]);
+  EXPECT_EQ(S_OK, s.CheckIndex(2));
+  for (int i : {-1, 3}) EXPECT_EQ(E_FAIL, s.CheckIndex(i));
+  EXPECT_EQ(S_OK, s.CheckRange(0, 3));
+  for (auto r : {std::pair{-1, 2}, {2, 2}, {2, 1}, {0, 4}}) EXPECT_EQ(E_FAIL, s.CheckRange(r.first, r.second));
+  EXPECT_EQ(S_OK, s.ReInit(2));  // empties, never shrinks
+  EXPECT_EQ(0, s.count());
+  EXPECT_EQ(4, s.capacity());
+  EXPECT_EQ(S_OK, s.ReInit(9));
+  EXPECT_EQ(9, s.capacity());
+  EXPECT_EQ(S_OK, s.SetCapacity(0));  // frees the data
+  EXPECT_EQ(nullptr, s.data());
+
+  Store huge(1 << 30);  // 2^30 elements of 2^30 bytes: memory runs out, nothing changes
+  EXPECT_EQ(E_FAIL, huge.MakeRoom(0, 1 << 30));
+  EXPECT_EQ(0, huge.count() + huge.capacity());
+  EXPECT_EQ(E_FAIL, Store(0).MakeRoom(0, 1));
+}
+
+TEST(KELSysTSArrayList, TypedListAgainstVector) {
+  KELSysTSArrayList<uint16_t> list;
+  std::vector<uint16_t> model;
+  std::mt19937 rng(11);
+  for (int step = 0; step < 5000; ++step) {
+    const int size = list.Size(), i = static_cast<int>(rng() % (size + 2)) - 1, op = static_cast<int>(rng() % 4);
+    const uint16_t v = static_cast<uint16_t>(rng());
+    const bool inRange = i >= 0 && (op == 1 ? i <= size : i < size);
+    const int rc = op == 0 ? list.Append(v) : op == 1 ? list.Insert(i, v) : op == 2 ? list.Remove(i) : list.Set(i, v);
+    ASSERT_EQ(op == 0 || inRange ? S_OK : E_FAIL, rc) << "op " << op << " at " << i << " of " << size;
+    if (op == 0)
+      model.push_back(v);
+    else if (inRange)
+      op == 1 ? void(model.insert(model.begin() + i, v)) : op == 2 ? void(model.erase(model.begin() + i)) : void(model[i] = v);
+  }
+  ASSERT_EQ(model.size(), static_cast<size_t>(list.Size()));
+  for (int i = 0; i < list.Size(); ++i) {
+    uint16_t got = 0;
+    ASSERT_EQ(S_OK, list.Get(i, got));
+    ASSERT_EQ(model[i], got);
+  }
+  uint16_t untouched = 7;
+  EXPECT_EQ(E_FAIL, list.Get(list.Size(), untouched));
+  EXPECT_EQ(7, untouched);
+  const int capacity = list.Capacity();
+  list.RemoveAll();
+  EXPECT_EQ(0, list.Size());
+  EXPECT_EQ(capacity, list.Capacity());
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// The string-keyed table through a subclass that owns copies of its values
+// and checks that each is released exactly once (ASan and LeakSanitizer do
+// the rest), and one that borrows them. Diagnostic lines compared byte for byte.
+#include "NUVSysHashTable.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+class CountingTable : public NUVSysHashTable {
+ public:
+  CountingTable(int size, int allowCollisions) : NUVSysHashTable(size, allowCollisions) {}
+  ~CountingTable() override { Erase(); }  // the documented way: values need the subclass
+  void* CopyValue(const void* value) override {
+    ++copies;
+    if (value == nullptr || std::exchange(failNextCopy, false)) return nullptr;
+    return *alive.insert(strdup(static_cast<const char*>(value))).first;
+  }
+  void DeleteValue(void* value) override {
+    ++deletes;
+    EXPECT_EQ(value != nullptr ? 1u : 0u, alive.erase(value)) << "released twice or never copied";
+    std::free(value);
+  }
+  int CompareValue(const void* a, const void* b) override {
+    return std::strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+  }
+  std::string value(const char* key) {
+    const void* v = Get(key);
+    return v != nullptr ? static_cast<const char*>(v) : "<none>";
+  }
+  using NUVSysHashTable::DelPair;
+  using NUVSysHashTable::NewPair;
+  int copies = 0, deletes = 0;
+  bool failNextCopy = false;
+  std::set<void*> alive;
+};
+
+// Stores the caller's pointers; its destructor does not call Erase, so the
+// base destructor has to do without DeleteValue.
+class BorrowingTable : public NUVSysHashTable {
+ public:
+  BorrowingTable(int size, int allowCollisions) : NUVSysHashTable(size, allowCollisions) {}
+  void* CopyValue(const void* value) override { return const_cast<void*>(value); }
+  void DeleteValue(void*) override {}
+  int CompareValue(const void* a, const void* b) override { return a == b ? 0 : 1; }
+};
+
+std::string line(int number, const std::string& message) {
+  char prefix[64];
+  std::snprintf(prefix, sizeof prefix, "SystemTS/JS0MT01.m/src/NUVSysHashTable(%8d) : ", number);
+  return prefix + message + "\n";
+}
+
+// One slot (3) of 7: djb2 of one character is 177573 + c, and these are 7 apart.
+const char* const kSameSlot[] = {"a", "h", "o", "v"};
+
+TEST(NUVSysHashTable, Djb2OverSignedChars) {
+  BorrowingTable t(101, 1);
+  const struct { const char* key; unsigned long hash; int slot; } kCases[] = {
+      {"", 5381, 28}, {"abc", 193485963, 61}, {"\xe9t\xe9", 193355755, 42},  // bytes above 0x7F subtract
+      {"\xff", 177572, 14}, {"KELInstallPath", 9791683473807209317ul, 65},   // wraps modulo 2^64
+  };
+  for (const auto& c : kCases) {
+    EXPECT_EQ(c.hash, t.ChildHashFunction(c.key)) << c.key;
+    EXPECT_EQ(c.slot, t.GetHashSlotIndex(c.key)) << c.key;
+  }
+  EXPECT_EQ(-1, t.GetHashSlotIndex(nullptr));
+  BorrowingTable seven(7, 1);
+  for (const char* key : kSameSlot) EXPECT_EQ(3, seven.GetHashSlotIndex(key));
+}
+
+TEST(NUVSysHashTable, CollisionRuleBothOrders) {
+  CountingTable strict(7, 0);
+  CaptureStdout();
+  EXPECT_EQ(0, strict.Add("h", "1"));
+  EXPECT_EQ(0, strict.Add("a", "2"));   // sorts first: becomes the head, whatever the flag
+  EXPECT_EQ(-1, strict.Add("o", "3"));  // sorts after "h": refused, its copy released
+  EXPECT_EQ("", GetCapturedStdout());
+  EXPECT_EQ(3, strict.copies);
+  EXPECT_EQ(1, strict.deletes);
+
+  CountingTable t(7, 1);
+  CaptureStdout();
+  for (const char* key : {"o", "a", "v", "h"}) EXPECT_EQ(0, t.Add(key, key));
+  EXPECT_EQ(0, t.Add("h", "H"));  // same key: value replaced, no line
+  EXPECT_EQ(line(102, "Collision @ 3 ('o' <--> 'v')") + line(102, "Collision @ 3 ('a' <--> 'h')"),
+            GetCapturedStdout());
+  EXPECT_EQ(1, t.deletes);
+}
+
+// The chains in strcmp order. BorrowingTable's destructor does not call
+// Erase: the base destructor must free the pairs without calling the (by
+// then pure) DeleteValue, which would abort; LeakSanitizer checks the rest.
+TEST(NUVSysHashTable, PrintAndBaseDestructor) {
+  static const char kValue[] = "v";
+  auto t = std::make_unique<BorrowingTable>(7, 1);
+  CaptureStdout();
+  for (const char* key : {"v", "a", "o", "h"}) t->Add(key, kValue);
+  GetCapturedStdout();
+  char pointer[32];
+  std::snprintf(pointer, sizeof pointer, "%p", static_cast<const void*>(kValue));
+  std::string want = line(255, "==========================================");
+  for (int slot = 0; slot < 7; ++slot) {
+    want += line(259, "Slot [" + std::to_string(slot) + "]");
+    for (const char* key : kSameSlot)
+      if (slot == 3) want += line(264, std::string("Key '") + key + "' (" + pointer + ")");
+  }
+  want += line(268, "------------------------------------------");
+  CaptureStdout();
+  t->Print();
+  EXPECT_EQ(want, GetCapturedStdout());
+  std::unique_ptr<NUVSysHashTable> base(t.release());
+  base.reset();
+}
+
+TEST(NUVSysHashTable, RemoveTakesOnlyItsPair) {
+  CountingTable t(7, 1);
+  CaptureStdout();
+  for (const char* key : kSameSlot) ASSERT_EQ(0, t.Add(key, key));
+  GetCapturedStdout();
+  CaptureStdout();
+  EXPECT_EQ(0, t.Remove("h"));
+  EXPECT_EQ(0, t.Remove("a"));  // the head
+  for (const char* key : {"a", "b"}) EXPECT_EQ(-1, t.Remove(key));
+  EXPECT_EQ(-1, t.Remove(nullptr));
+  EXPECT_EQ("v", t.value("v"));  // passes over "o"
+  EXPECT_EQ("<none>", t.value("h"));  // passes over both
+  EXPECT_EQ(line(194, "Duplicated pair 'h' == 'h'") + line(194, "Duplicated pair 'a' == 'a'") +
+                line(490, "Duplicated pair 'o' == 'o'") + line(490, "Duplicated pair 'o' == 'o'") +
+                line(490, "Duplicated pair 'v' == 'v'"),
+            GetCapturedStdout());
+  EXPECT_EQ(2, t.deletes);
+  CaptureStdout();
+  EXPECT_EQ(0, t.Erase());  // two pairs left in the slot: DelPair of its head says so
+  EXPECT_EQ(line(422, "!! Collision slot for key 'o' !!"), GetCapturedStdout());
+  EXPECT_EQ(4, t.deletes);
+  EXPECT_EQ(0, t.Erase());  // no record left: every operation fails
+  EXPECT_EQ(-1, t.Add("a", "1"));
+  EXPECT_EQ(nullptr, t.Get("a"));
+}
+
+TEST(NUVSysHashTable, ReplaceAndFailures) {
+  CountingTable t(101, 1);
+  EXPECT_EQ(0, t.Add("key", "one"));
+  EXPECT_EQ(0, t.Replace("key", "two"));
+  EXPECT_EQ("two", t.value("key"));
+  EXPECT_EQ(-1, t.Replace("absent", "x"));
+  for (auto kv : {std::pair<const char*, const char*>{nullptr, "x"}, {"new", nullptr}}) EXPECT_EQ(-1, t.Add(kv.first, kv.second));
+  t.failNextCopy = true;
+  EXPECT_EQ(-1, t.Add("new", "x"));  // the copy failed: nothing stored
+  EXPECT_EQ(nullptr, t.Get("new"));
+  t.failNextCopy = true;
+  EXPECT_EQ(-1, t.Replace("key", "three"));  // old value released, null stored
+  EXPECT_EQ(nullptr, t.Get("key"));
+  EXPECT_EQ(0, t.Replace("key", "four"));
+  NUVSysHashTableEntryStruct* pair = t.NewPair("loose", "v");
+  EXPECT_EQ(0, t.DelPair(pair));
+  EXPECT_EQ(-1, t.DelPair(pair));  // set to null by the first
+
+  CountingTable none(0, 1);  // no record: everything fails, quietly
+  CaptureStdout();
+  for (int rc : {none.Add("a", "1"), none.Remove("a"), none.Replace("a", "1"), none.GetHashSlotIndex("a")}) EXPECT_EQ(-1, rc);
+  EXPECT_EQ(nullptr, none.Get("a"));
+  none.Print();
+  EXPECT_EQ("", GetCapturedStdout());
+}
+
+}  // namespace
