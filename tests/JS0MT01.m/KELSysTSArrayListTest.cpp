@@ -17,10 +17,10 @@ namespace {
 // The store with its fields in view.
 struct Store : KELSysTSArrayListAbstractCtnr {
   explicit Store(int size) : KELSysTSArrayListAbstractCtnr(size) {}
-  int count() const { return _Count; }
-  int capacity() const { return _Capacity; }
-  const void* data() const { return _Data; }
-  int* ints() const { return static_cast<int*>(_Data); }
+  int count() const { return _count; }
+  int capacity() const { return _capacity; }
+  const void* data() const { return _data; }
+  int* ints() const { return static_cast<int*>(_data); }
 };
 
 TEST(KELSysTSArrayList, CapacitySequence) {

@@ -135,11 +135,11 @@ class SYSTEMTS_API KELSysSimpleHashTable {
  private:
   friend struct systemts::detail::SimpleHashCore;
 
-  int (*_Equal)(void*, void*);
-  unsigned int (*_Hash)(void*);
-  Entry** _Storage;  // bucket heads, entries, reciprocal; lowest bit: pointer set
-  int _BucketCount;
-  int _Count;
+  int (*_equal)(void*, void*);
+  unsigned int (*_hash)(void*);
+  Entry** _storage;  // bucket heads, entries, reciprocal; lowest bit: pointer set
+  int _bucketCount;
+  int _count;
 };
 
 #endif  // KELSYSSIMPLEHASHTABLE_H

@@ -23,12 +23,12 @@ class KELSysTSArrayList : public KELSysTSArrayListAbstractCtnr {
   KELSysTSArrayList() : KELSysTSArrayListAbstractCtnr(static_cast<int>(sizeof(T))) {}
 
   // The number of values.
-  int Size() const { return _Count; }
+  int Size() const { return _count; }
   // The number of values the list holds before it grows.
-  int Capacity() const { return _Capacity; }
+  int Capacity() const { return _capacity; }
 
   // Adds `value` at the end. E_FAIL when the list cannot grow.
-  int Append(const T& value) { return Insert(_Count, value); }
+  int Append(const T& value) { return Insert(_count, value); }
   // Inserts `value` before index `i` (0 <= i <= Size()).
   int Insert(int i, const T& value) {
     if (MakeRoom(i, 1) != S_OK) return E_FAIL;
@@ -38,8 +38,8 @@ class KELSysTSArrayList : public KELSysTSArrayListAbstractCtnr {
   // Removes the value at `i` (0 <= i < Size()); later values move down.
   int Remove(int i) {
     if (CheckIndex(i) != S_OK) return E_FAIL;
-    if (i + 1 < _Count && Move(i, i + 1, _Count - i - 1) != S_OK) return E_FAIL;
-    --_Count;
+    if (i + 1 < _count && Move(i, i + 1, _count - i - 1) != S_OK) return E_FAIL;
+    --_count;
     return S_OK;
   }
   // Copies the value at `i` into `value`; E_FAIL (and `value` untouched) when
@@ -59,7 +59,7 @@ class KELSysTSArrayList : public KELSysTSArrayListAbstractCtnr {
   void RemoveAll() { ReInit(0); }
 
  private:
-  void* slot(int i) const { return static_cast<unsigned char*>(_Data) + static_cast<size_t>(i) * sizeof(T); }
+  void* slot(int i) const { return static_cast<unsigned char*>(_data) + static_cast<size_t>(i) * sizeof(T); }
 };
 
 #endif  // KELSYSTSARRAYLIST_H

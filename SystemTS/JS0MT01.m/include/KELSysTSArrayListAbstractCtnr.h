@@ -59,10 +59,10 @@ class SYSTEMTS_API KELSysTSArrayListAbstractCtnr {
   int CheckRange(int a, int b) const;
 
  protected:
-  void* _Data;       // null when the capacity is 0
-  int _Count;        // elements in use
-  int _Capacity;     // elements the data can hold
-  int _ElementSize;  // bytes per element, fixed at construction
+  void* _data;       // null when the capacity is 0
+  int _count;        // elements in use
+  int _capacity;     // elements the data can hold
+  int _elementSize;  // bytes per element, fixed at construction
 };
 
 #endif  // KELSYSTSARRAYLISTABSTRACTCTNR_H

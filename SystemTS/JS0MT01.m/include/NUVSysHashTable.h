@@ -141,7 +141,7 @@ class SYSTEMTS_API NUVSysHashTable {
   int DelPair(NUVSysHashTableEntryStruct*& pair);
 
  private:
-  NUVSysHashTableStruct* _Table;
+  NUVSysHashTableStruct* _table;
 };
 
 #endif  // NUVSYSHASHTABLE_H

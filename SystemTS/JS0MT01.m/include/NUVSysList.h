@@ -139,12 +139,12 @@ class SYSTEMTS_API NUVSysList {
  private:
   friend struct systemts::detail::ListCore;
 
-  NUVSysListElementStruct* _Head;
-  NUVSysListElementStruct* _Tail;
-  unsigned long _Count;
-  NUVSysListElementStruct* _Cursor;
-  NUVSysListType _Type;
-  bool _AllowDuplicates;
+  NUVSysListElementStruct* _head;
+  NUVSysListElementStruct* _tail;
+  unsigned long _count;
+  NUVSysListElementStruct* _cursor;
+  NUVSysListType _type;
+  bool _allowDuplicates;
 };
 
 #endif  // NUVSYSLIST_H

@@ -120,26 +120,26 @@ struct SimpleHashCore {
           entries(reinterpret_cast<Entry*>(block + buckets)),
           m(*reciprocalOf(block, static_cast<uint32_t>(buckets))),
           n(static_cast<uint32_t>(buckets)) {}
-    explicit View(const KELSysSimpleHashTable& t) : View(untagged(t._Storage), t._BucketCount) {}
+    explicit View(const KELSysSimpleHashTable& t) : View(untagged(t._storage), t._bucketCount) {}
     uint32_t bucket(uint32_t h) const {
       return static_cast<uint32_t>((static_cast<unsigned __int128>(m * h) * n) >> 64);
     }
   };
 
-  static CallerOps callerOps(const KELSysSimpleHashTable& t) { return {t._Hash, t._Equal}; }
+  static CallerOps callerOps(const KELSysSimpleHashTable& t) { return {t._hash, t._equal}; }
   // The view of a pointer set's block, decided from the storage field alone;
   // false for other tables and for a table without storage.
   static bool pointerSetView(const KELSysSimpleHashTable& t, View* v) {
-    const uintptr_t storage = reinterpret_cast<uintptr_t>(t._Storage);
+    const uintptr_t storage = reinterpret_cast<uintptr_t>(t._storage);
     if (__builtin_expect((storage & kPointerSetBit) == 0, 0)) return false;
-    *v = View(reinterpret_cast<Entry**>(storage - kPointerSetBit), t._BucketCount);
+    *v = View(reinterpret_cast<Entry**>(storage - kPointerSetBit), t._bucketCount);
     return true;
   }
 
   // Runs `f` with the table's operations.
   template <class F>
   static decltype(auto) dispatch(const KELSysSimpleHashTable& t, F&& f) {
-    if (isPointerSet(t._Hash, t._Equal)) return f(PointerOps{});
+    if (isPointerSet(t._hash, t._equal)) return f(PointerOps{});
     return f(callerOps(t));
   }
 
@@ -164,7 +164,7 @@ struct SimpleHashCore {
   // are out of line.
 
   __attribute__((noinline)) static const Entry* locateSlow(const KELSysSimpleHashTable& t, void* item) {
-    if (t._Storage == nullptr) return nullptr;
+    if (t._storage == nullptr) return nullptr;
     const View v(t);
     return dispatch(t, [&](auto ops) { return find(v, item, ops).entry; });
   }
@@ -192,15 +192,15 @@ struct SimpleHashCore {
   static Inserted tryInsert(KELSysSimpleHashTable& t, const View& v, void* item, Ops ops) {
     const Found f = find(v, item, ops);
     if (f.entry != nullptr) return {f.entry->item, 0};
-    if (t._Count == t._BucketCount) return {nullptr, kFull};
-    Entry* e = &v.entries[t._Count++];
+    if (t._count == t._bucketCount) return {nullptr, kFull};
+    Entry* e = &v.entries[t._count++];
     e->item = item;
     e->next = nullptr;
     *f.link = e;
     return {item, 1};
   }
   __attribute__((noinline)) static Inserted insertSlow(KELSysSimpleHashTable& t, void* item) {
-    if (t._Storage == nullptr) return {nullptr, -1};
+    if (t._storage == nullptr) return {nullptr, -1};
     return dispatch(t, [&](auto ops) -> Inserted {
       for (;;) {
         const Inserted r = tryInsert(t, View(t), item, ops);
@@ -220,13 +220,13 @@ struct SimpleHashCore {
 
   template <class Ops>
   static void* remove(KELSysSimpleHashTable& t, const View& v, void* item, Ops ops) {
-    if (t._Count == 0) return nullptr;
-    if (t._Count == 1) {
+    if (t._count == 0) return nullptr;
+    if (t._count == 1) {
       Entry** head = &v.heads[v.bucket(ops.hash(item))];
       if (*head == nullptr || !ops.equal((*head)->item, item)) return nullptr;
       void* removed = (*head)->item;
       *head = nullptr;
-      t._Count = 0;
+      t._count = 0;
       return removed;
     }
     const Found f = find(v, item, ops);
@@ -238,21 +238,21 @@ struct SimpleHashCore {
     // Keep the entries dense: the last entry moves into the hole. (Comparing
     // positions, not items, is the same test for an equality function that is
     // consistent with the hash, and stays safe for one that is not.)
-    Entry* const last = &v.entries[t._Count - 1];
+    Entry* const last = &v.entries[t._count - 1];
     if (last != hole) {
       Entry** link = &v.heads[v.bucket(ops.hash(last->item))];
       while (*link != nullptr && *link != last) link = &(*link)->next;
-      if (*link == nullptr) link = linkTo(v, static_cast<uint32_t>(t._Count), last);
+      if (*link == nullptr) link = linkTo(v, static_cast<uint32_t>(t._count), last);
       *link = hole;
       hole->item = last->item;
       hole->next = last->next;
     }
-    const int count = --t._Count;
-    if (3 * int64_t{count} < t._BucketCount && count >= 12) return shrink(t, count, removed);
+    const int count = --t._count;
+    if (3 * int64_t{count} < t._bucketCount && count >= 12) return shrink(t, count, removed);
     return removed;
   }
   __attribute__((noinline)) static void* removeSlow(KELSysSimpleHashTable& t, void* item) {
-    if (t._Storage == nullptr) return nullptr;
+    if (t._storage == nullptr) return nullptr;
     return dispatch(t, [&](auto ops) { return remove(t, View(t), item, ops); });
   }
   static void* remove(KELSysSimpleHashTable& t, void* item) {
@@ -284,10 +284,10 @@ struct SimpleHashCore {
     Entry** heads = newBlock(buckets);
     if (heads == nullptr) return -1;
     const View old(t);
-    t._Storage = tagged(heads, isPointerSet(t._Hash, t._Equal));
-    t._BucketCount = static_cast<int>(buckets);
+    t._storage = tagged(heads, isPointerSet(t._hash, t._equal));
+    t._bucketCount = static_cast<int>(buckets);
     const View v(t);
-    const uint32_t count = static_cast<uint32_t>(t._Count);
+    const uint32_t count = static_cast<uint32_t>(t._count);
     for (uint32_t i = count; i-- > 0;) {
       Entry* e = &v.entries[i];
       e->item = old.entries[i].item;
@@ -318,18 +318,18 @@ int KELSysSimpleHashTable::UpToNiceModulo(int n) {
 }
 
 KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void*), int (*equal)(void*, void*))
-    : _Equal(equal != nullptr ? equal : &KELSimpleHashCompare),
-      _Hash(hash != nullptr ? hash : &KELSimpleHashIt),
-      _Storage(nullptr),
-      _BucketCount(0),
-      _Count(0) {
+    : _equal(equal != nullptr ? equal : &KELSimpleHashCompare),
+      _hash(hash != nullptr ? hash : &KELSimpleHashIt),
+      _storage(nullptr),
+      _bucketCount(0),
+      _count(0) {
   int request = size;
   int m = UpToNiceModulo(request);
   for (;;) {
     const int buckets = m <= 10 ? 11 : m;
     if (Entry** block = systemts::detail::newBlock(static_cast<uint32_t>(buckets))) {
-      _Storage = systemts::detail::tagged(block, systemts::detail::isPointerSet(_Hash, _Equal));
-      _BucketCount = buckets;
+      _storage = systemts::detail::tagged(block, systemts::detail::isPointerSet(_hash, _equal));
+      _bucketCount = buckets;
       return;
     }
     request /= 2;
@@ -339,10 +339,10 @@ KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void
 }
 
 KELSysSimpleHashTable::~KELSysSimpleHashTable() {
-  std::free(systemts::detail::untagged(_Storage));
-  _Storage = nullptr;
-  _BucketCount = 0;
-  _Count = 0;
+  std::free(systemts::detail::untagged(_storage));
+  _storage = nullptr;
+  _bucketCount = 0;
+  _count = 0;
 }
 
 int KELSysSimpleHashTable::Insert(void* item) { return SimpleHashCore::insert(*this, item).status; }
@@ -358,10 +358,10 @@ KELSysSimpleHashTable::Entry* KELSysSimpleHashTable::LocateBucket(void* item) co
 }
 
 void* KELSysSimpleHashTable::KeyLocate(unsigned int key) const {
-  if (_Storage == nullptr) return nullptr;
+  if (_storage == nullptr) return nullptr;
   const SimpleHashCore::View v(*this);
   for (const Entry* e = v.heads[v.bucket(key)]; e != nullptr; e = e->next)
-    if (e->item != nullptr && _Hash(e->item) == key) return e->item;
+    if (e->item != nullptr && _hash(e->item) == key) return e->item;
   return nullptr;
 }
 
@@ -377,37 +377,37 @@ void* KELSysSimpleHashTable::NextWithKey(void* item) const {
   if (item == nullptr) return nullptr;
   const Entry* e = SimpleHashCore::locate(*this, item);
   if (e == nullptr) return nullptr;
-  const unsigned int key = _Hash(item);
+  const unsigned int key = _hash(item);
   for (e = e->next; e != nullptr; e = e->next)
-    if (_Hash(e->item) == key) return e->item;
+    if (_hash(e->item) == key) return e->item;
   return nullptr;
 }
 
 void* KELSysSimpleHashTable::Get(int i) const {
-  if (i < 0 || i >= _Count) return nullptr;
+  if (i < 0 || i >= _count) return nullptr;
   return SimpleHashCore::View(*this).entries[i].item;
 }
 
-int KELSysSimpleHashTable::Size() const { return _Count; }
+int KELSysSimpleHashTable::Size() const { return _count; }
 
 void KELSysSimpleHashTable::RemoveAll() {
-  if (_Storage == nullptr) return;
-  _Count = 0;
-  std::memset(systemts::detail::untagged(_Storage), 0, static_cast<size_t>(_BucketCount) * sizeof(Entry*));
+  if (_storage == nullptr) return;
+  _count = 0;
+  std::memset(systemts::detail::untagged(_storage), 0, static_cast<size_t>(_bucketCount) * sizeof(Entry*));
 }
 
 void KELSysSimpleHashTable::PrintStats() const {}
 
 int KELSysSimpleHashTable::ReAllocate(int n) {
-  if (_Storage == nullptr) return -1;
+  if (_storage == nullptr) return -1;
   auto nice = [](int64_t v) -> int64_t {
     if (v > int64_t{UINT32_MAX}) return -1;
     return int64_t{static_cast<uint32_t>(UpToNiceModulo(static_cast<int>(static_cast<uint32_t>(v))))};
   };
-  int64_t buckets = nice(n >= 1 ? n : 2 * int64_t{_BucketCount});
+  int64_t buckets = nice(n >= 1 ? n : 2 * int64_t{_bucketCount});
   // Fewer buckets than items: inserting the items again would grow the table
   // by doubling until they fit.
-  while (buckets >= 1 && buckets <= INT_MAX && buckets < _Count) buckets = nice(2 * buckets);
+  while (buckets >= 1 && buckets <= INT_MAX && buckets < _count) buckets = nice(2 * buckets);
   if (buckets < 1 || buckets > INT_MAX) return -1;
   return SimpleHashCore::dispatch(
       *this, [&](auto ops) { return SimpleHashCore::rebuild(*this, static_cast<uint32_t>(buckets), ops); });

@@ -56,24 +56,24 @@ void freeKeyAndPair(NUVSysHashTableEntryStruct* pair) {
 using Pair = NUVSysHashTableEntryStruct;
 namespace detail = systemts::detail;
 
-NUVSysHashTable::NUVSysHashTable(int size, int allowCollisions) : _Table(CreateTable(size, allowCollisions)) {}
+NUVSysHashTable::NUVSysHashTable(int size, int allowCollisions) : _table(CreateTable(size, allowCollisions)) {}
 
 NUVSysHashTable::~NUVSysHashTable() {
   // DeleteValue is out of reach here (the subclass part is gone), so the
   // values stay with their owner; a subclass's destructor calls Erase first.
-  if (_Table == nullptr) return;
-  if (_Table->slots != nullptr) {
-    for (int i = 0; i < _Table->size; ++i) {
-      for (Pair* p = _Table->slots[i]; p != nullptr;) {
+  if (_table == nullptr) return;
+  if (_table->slots != nullptr) {
+    for (int i = 0; i < _table->size; ++i) {
+      for (Pair* p = _table->slots[i]; p != nullptr;) {
         Pair* next = p->next;
         detail::freeKeyAndPair(p);
         p = next;
       }
     }
-    std::free(_Table->slots);
+    std::free(_table->slots);
   }
-  std::free(_Table);
-  _Table = nullptr;
+  std::free(_table);
+  _table = nullptr;
 }
 
 unsigned long NUVSysHashTable::ChildHashFunction(const char* key) const {
@@ -84,16 +84,16 @@ unsigned long NUVSysHashTable::ChildHashFunction(const char* key) const {
 }
 
 int NUVSysHashTable::GetHashSlotIndex(const char* key) {
-  if (_Table == nullptr || key == nullptr || _Table->size < 1) return -1;
-  return static_cast<int>(ChildHashFunction(key) % static_cast<unsigned long>(_Table->size));
+  if (_table == nullptr || key == nullptr || _table->size < 1) return -1;
+  return static_cast<int>(ChildHashFunction(key) % static_cast<unsigned long>(_table->size));
 }
 
 int NUVSysHashTable::Add(const char* key, const void* value) {
   const int slot = GetHashSlotIndex(key);
-  if (slot == -1 || _Table->slots == nullptr) return -1;
+  if (slot == -1 || _table->slots == nullptr) return -1;
 
   Pair* before = nullptr;
-  Pair* at = _Table->slots[slot];
+  Pair* at = _table->slots[slot];
   while (at != nullptr && std::strcmp(at->key, key) < 0) {
     before = at;
     at = at->next;
@@ -108,10 +108,10 @@ int NUVSysHashTable::Add(const char* key, const void* value) {
   if (pair == nullptr) return -1;
   if (before == nullptr) {
     pair->next = at;
-    _Table->slots[slot] = pair;
+    _table->slots[slot] = pair;
     return 0;
   }
-  if (!_Table->allowCollisions) {
+  if (!_table->allowCollisions) {
     DelPair(pair);  // refused: nothing of it stays behind
     return -1;
   }
@@ -123,8 +123,8 @@ int NUVSysHashTable::Add(const char* key, const void* value) {
 
 int NUVSysHashTable::Remove(const char* key) {
   const int slot = GetHashSlotIndex(key);
-  if (slot == -1 || _Table->slots == nullptr) return -1;
-  Pair** link = &_Table->slots[slot];
+  if (slot == -1 || _table->slots == nullptr) return -1;
+  Pair** link = &_table->slots[slot];
   while (*link != nullptr && std::strcmp((*link)->key, key) != 0) link = &(*link)->next;
   Pair* pair = *link;
   if (pair == nullptr) return -1;
@@ -149,8 +149,8 @@ void* NUVSysHashTable::Get(const char* key) {
 
 NUVSysHashTableEntryStruct* NUVSysHashTable::GetPair(const char* key) {
   const int slot = GetHashSlotIndex(key);
-  if (slot == -1 || _Table->slots == nullptr) return nullptr;
-  for (Pair* p = _Table->slots[slot]; p != nullptr; p = p->next) {
+  if (slot == -1 || _table->slots == nullptr) return nullptr;
+  for (Pair* p = _table->slots[slot]; p != nullptr; p = p->next) {
     if (std::strcmp(p->key, key) == 0) return p;
     detail::trace(detail::kLinePassedOver, "Duplicated pair '%s' == '%s'", p->key, detail::valueText(p->value));
   }
@@ -158,19 +158,19 @@ NUVSysHashTableEntryStruct* NUVSysHashTable::GetPair(const char* key) {
 }
 
 void NUVSysHashTable::Print() {
-  if (_Table == nullptr || _Table->slots == nullptr) return;
+  if (_table == nullptr || _table->slots == nullptr) return;
   detail::trace(detail::kLinePrintHeader, "==========================================");
-  for (int i = 0; i < _Table->size; ++i) {
+  for (int i = 0; i < _table->size; ++i) {
     detail::trace(detail::kLinePrintSlot, "Slot [%d]", i);
-    for (const Pair* p = _Table->slots[i]; p != nullptr; p = p->next)
+    for (const Pair* p = _table->slots[i]; p != nullptr; p = p->next)
       detail::trace(detail::kLinePrintKey, "Key '%s' (%p)", p->key, p->value);
   }
   detail::trace(detail::kLinePrintFooter, "------------------------------------------");
 }
 
 int NUVSysHashTable::Erase() {
-  if (_Table == nullptr) return 0;
-  return DestroyTable(_Table);
+  if (_table == nullptr) return 0;
+  return DestroyTable(_table);
 }
 
 NUVSysHashTableStruct* NUVSysHashTable::CreateTable(int size, int allowCollisions) {

@@ -10,10 +10,10 @@ namespace systemts::detail {
 
 struct ListCore {
   static bool sorted(const NUVSysList& l) {
-    return l._Type == NUVSysListSorted || l._Type == NUVSysListLinearSorted || l._Type == NUVSysListCircularSorted;
+    return l._type == NUVSysListSorted || l._type == NUVSysListLinearSorted || l._type == NUVSysListCircularSorted;
   }
   static bool circular(const NUVSysList& l) {
-    return l._Type == NUVSysListCircular || l._Type == NUVSysListCircularSorted;
+    return l._type == NUVSysListCircular || l._type == NUVSysListCircularSorted;
   }
 
   // Links a new node holding CopyElement(element) between `prev` and `next`
@@ -23,18 +23,18 @@ struct ListCore {
     Node* node = new (std::nothrow) Node{nullptr, next, prev};
     if (node == nullptr) return nullptr;
     node->element = l.CopyElement(element);
-    (prev != nullptr ? prev->next : l._Head) = node;
-    (next != nullptr ? next->previous : l._Tail) = node;
-    ++l._Count;
+    (prev != nullptr ? prev->next : l._head) = node;
+    (next != nullptr ? next->previous : l._tail) = node;
+    ++l._count;
     return node;
   }
 
   // Unlinks `node`, releases its element and frees it.
   static void unlink(NUVSysList& l, Node* node) {
-    (node->previous != nullptr ? node->previous->next : l._Head) = node->next;
-    (node->next != nullptr ? node->next->previous : l._Tail) = node->previous;
-    --l._Count;
-    if (l._Cursor == node) l._Cursor = nullptr;
+    (node->previous != nullptr ? node->previous->next : l._head) = node->next;
+    (node->next != nullptr ? node->next->previous : l._tail) = node->previous;
+    --l._count;
+    if (l._cursor == node) l._cursor = nullptr;
     l.DeleteElement(node->element);
     delete node;
   }
@@ -47,15 +47,15 @@ struct ListCore {
 using systemts::detail::ListCore;
 
 NUVSysList::NUVSysList(NUVSysListType type, bool allowDuplicates)
-    : _Head(nullptr), _Tail(nullptr), _Count(0), _Cursor(nullptr), _Type(type), _AllowDuplicates(allowDuplicates) {}
+    : _head(nullptr), _tail(nullptr), _count(0), _cursor(nullptr), _type(type), _allowDuplicates(allowDuplicates) {}
 
 NUVSysList::NUVSysList(const NUVSysList& other)
-    : _Head(nullptr),
-      _Tail(nullptr),
-      _Count(0),
-      _Cursor(nullptr),
-      _Type(other._Type),
-      _AllowDuplicates(other._AllowDuplicates) {}
+    : _head(nullptr),
+      _tail(nullptr),
+      _count(0),
+      _cursor(nullptr),
+      _type(other._type),
+      _allowDuplicates(other._allowDuplicates) {}
 
 NUVSysList& NUVSysList::operator=(const NUVSysList& other) {
   copylist(other);
@@ -65,70 +65,70 @@ NUVSysList& NUVSysList::operator=(const NUVSysList& other) {
 NUVSysList::~NUVSysList() {
   // DeleteElement is out of reach here (the subclass part is gone); a
   // subclass's destructor calls removeall first. Free what is left.
-  for (Node* n = _Head; n != nullptr;) {
+  for (Node* n = _head; n != nullptr;) {
     Node* next = n->next;
     delete n;
     n = next;
   }
-  _Head = _Tail = _Cursor = nullptr;
-  _Count = 0;
+  _head = _tail = _cursor = nullptr;
+  _count = 0;
 }
 
-unsigned long NUVSysList::Count() const { return _Count; }
-void* NUVSysList::Head() const { return ListCore::at(_Head); }
-void* NUVSysList::Tail() const { return ListCore::at(_Tail); }
+unsigned long NUVSysList::Count() const { return _count; }
+void* NUVSysList::Head() const { return ListCore::at(_head); }
+void* NUVSysList::Tail() const { return ListCore::at(_tail); }
 
 void* NUVSysList::GetFirst() {
-  _Cursor = _Head;
-  return ListCore::at(_Cursor);
+  _cursor = _head;
+  return ListCore::at(_cursor);
 }
 
 void* NUVSysList::GetNext() {
-  if (_Cursor == nullptr) return nullptr;
-  _Cursor = _Cursor->next != nullptr ? _Cursor->next : ListCore::circular(*this) ? _Head : nullptr;
-  return ListCore::at(_Cursor);
+  if (_cursor == nullptr) return nullptr;
+  _cursor = _cursor->next != nullptr ? _cursor->next : ListCore::circular(*this) ? _head : nullptr;
+  return ListCore::at(_cursor);
 }
 
 void* NUVSysList::GetLast() {
   if (ListCore::circular(*this)) return GetFirst();  // kept: callers rely on it
-  _Cursor = _Tail;
-  return ListCore::at(_Cursor);
+  _cursor = _tail;
+  return ListCore::at(_cursor);
 }
 
 void* NUVSysList::GetPrevious() {
-  if (_Cursor == nullptr) return nullptr;
-  _Cursor = _Cursor->previous != nullptr ? _Cursor->previous : ListCore::circular(*this) ? _Tail : nullptr;
-  return ListCore::at(_Cursor);
+  if (_cursor == nullptr) return nullptr;
+  _cursor = _cursor->previous != nullptr ? _cursor->previous : ListCore::circular(*this) ? _tail : nullptr;
+  return ListCore::at(_cursor);
 }
 
 NUVSysListElementStruct* NUVSysList::Add(const void* element) {
   if (ListCore::sorted(*this)) {
-    for (Node* n = _Head; n != nullptr; n = n->next) {
-      _Cursor = n;
+    for (Node* n = _head; n != nullptr; n = n->next) {
+      _cursor = n;
       const int c = CompareElements(n->element, element);
       if (c < 0) return addbefore(element, n);
-      if (c == 0 && !_AllowDuplicates) return nullptr;
+      if (c == 0 && !_allowDuplicates) return nullptr;
     }
     return addtail(element);
   }
-  if (!_AllowDuplicates) {
-    Node* const saved = _Cursor;
-    for (Node* n = _Head; n != nullptr; n = n->next) {
-      _Cursor = n;
+  if (!_allowDuplicates) {
+    Node* const saved = _cursor;
+    for (Node* n = _head; n != nullptr; n = n->next) {
+      _cursor = n;
       if (CompareElements(n->element, element) == 0) return nullptr;
     }
-    _Cursor = saved;
+    _cursor = saved;
   }
   return addtail(element);
 }
 
 NUVSysListElementStruct* NUVSysList::addtail(const void* element) {
-  return ListCore::link(*this, element, _Tail, nullptr);
+  return ListCore::link(*this, element, _tail, nullptr);
 }
 
 NUVSysListElementStruct* NUVSysList::addhead(const void* element) {
   if (element == nullptr) return nullptr;
-  return ListCore::link(*this, element, nullptr, _Head);
+  return ListCore::link(*this, element, nullptr, _head);
 }
 
 NUVSysListElementStruct* NUVSysList::addafter(const void* element, NUVSysListElementStruct* node) {
@@ -142,28 +142,28 @@ NUVSysListElementStruct* NUVSysList::addbefore(const void* element, NUVSysListEl
 }
 
 NUVSysListElementStruct* NUVSysList::removehead() {
-  if (_Head == nullptr) return nullptr;
-  ListCore::unlink(*this, _Head);
-  return _Head;
+  if (_head == nullptr) return nullptr;
+  ListCore::unlink(*this, _head);
+  return _head;
 }
 
 NUVSysListElementStruct* NUVSysList::removetail() {
-  if (_Tail == nullptr) return nullptr;
-  ListCore::unlink(*this, _Tail);
-  return _Tail;
+  if (_tail == nullptr) return nullptr;
+  ListCore::unlink(*this, _tail);
+  return _tail;
 }
 
 NUVSysListElementStruct* NUVSysList::removeat(NUVSysListElementStruct* node) {
   if (node == nullptr) return nullptr;
-  if (node == _Head) return removehead();
-  if (node == _Tail) return removetail();
+  if (node == _head) return removehead();
+  if (node == _tail) return removetail();
   Node* next = node->next;
   ListCore::unlink(*this, node);
   return next;
 }
 
 int NUVSysList::Remove(const void* element) {
-  for (Node* n = _Head; n != nullptr; n = n->next) {
+  for (Node* n = _head; n != nullptr; n = n->next) {
     if (CompareElements(n->element, element) == 0) {
       removeat(n);
       return 0;
@@ -173,21 +173,21 @@ int NUVSysList::Remove(const void* element) {
 }
 
 int NUVSysList::Remove(unsigned long position) {
-  if (position >= _Count) return -1;
-  Node* n = _Head;
+  if (position >= _count) return -1;
+  Node* n = _head;
   for (unsigned long i = 0; i < position; ++i) n = n->next;
   removeat(n);
   return 0;
 }
 
 void NUVSysList::removeall() {
-  while (_Tail != nullptr) removetail();
-  _Head = _Tail = _Cursor = nullptr;
-  _Count = 0;
+  while (_tail != nullptr) removetail();
+  _head = _tail = _cursor = nullptr;
+  _count = 0;
 }
 
 void NUVSysList::copylist(const NUVSysList& other) {
   if (&other == this) return;
   removeall();
-  for (const Node* n = other._Head; n != nullptr; n = n->next) addtail(n->element);
+  for (const Node* n = other._head; n != nullptr; n = n->next) addtail(n->element);
 }
