@@ -1,0 +1,248 @@
+// NUVSysSemaphore: creation, the base class's n-unit operations, and the two
+// kinds (see NUVSysSemaphoreImpl.h for how the plain kind counts).
+#include "NUVSysSemaphore.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <new>
+
+#include "NUVSysSemaphoreImpl.h"
+
+namespace {
+
+constexpr int32_t kLargestMax = 0x7fffffff;
+
+// How many times a waiter tries again before it sleeps. A hand-off between
+// two running threads takes well under a microsecond, a sleep and wake-up
+// several; this spin lasts a few microseconds at most.
+constexpr int kSpinTries = 128;
+
+int errnoResult() { return SystemTSResultFromErrno(errno); }
+
+// The real-time clock now plus `ms`, as an absolute deadline for
+// sem_timedwait. 0 or the error code of errno.
+int deadlineAfter(int ms, timespec& deadline) {
+  timespec now;
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return errnoResult();
+  const int64_t total = (static_cast<int64_t>(now.tv_sec) * 1000 + ms) * 1000000 + now.tv_nsec;
+  deadline.tv_sec = static_cast<time_t>(total / 1000000000);
+  deadline.tv_nsec = static_cast<long>(total % 1000000000);
+  return 0;
+}
+
+}  // namespace
+
+// ---- NUVSysSemaphore ----
+
+NUVSysSemaphore::~NUVSysSemaphore() = default;
+
+NUVSysSemaphore* NUVSysSemaphore::NUVSysCreateSemaphore(int maxCount, int initialCount, char kind) {
+  if (initialCount < 0 || maxCount < -1 || (maxCount >= 0 && initialCount > maxCount)) return nullptr;
+  const int max = maxCount == -1 ? kLargestMax : maxCount;
+  switch (kind) {
+    case 0: {
+      auto* s = new (std::nothrow) NUVSysSemaphoreImpl(max, initialCount);
+      if (s != nullptr && !s->initialised()) {
+        delete s;
+        return nullptr;
+      }
+      return s;
+    }
+    case 1:
+      return new (std::nothrow) NUVSysSemaphoreVarCntImpl(max, initialCount);
+    default:
+      return nullptr;
+  }
+}
+
+int NUVSysSemaphore::IncreaseCount(int n, int partial) {
+  if (n < 0) return E_INVALIDARG;
+  for (int added = 0; added < n; ++added) {
+    const int rc = Signal();
+    if (rc == 0) continue;
+    if (rc != E_FAIL) return rc;  // the wake-up failed
+    // At the maximum.
+    if (partial != 0) return 1;
+    while (added > 0 && TimedWait(0) == 0) --added;
+    return E_FAIL;
+  }
+  return 0;
+}
+
+int NUVSysSemaphore::DecreaseCount(int n) {
+  if (n < 0) return E_INVALIDARG;
+  for (int i = 0; i < n; ++i) {
+    if (const int rc = Wait(); rc != 0) return rc;
+  }
+  return 0;
+}
+
+// ---- NUVSysSemaphoreImpl ----
+
+NUVSysSemaphoreImpl::NUVSysSemaphoreImpl(int maxCount, int initialCount)
+    : _currentCount(initialCount), _maxCount(maxCount) {
+  // The POSIX count stays 0 but for hand-offs to sleeping threads.
+  if (sem_init(&_sem, 0, 0) == 0) _initialised = 1;
+}
+
+NUVSysSemaphoreImpl::~NUVSysSemaphoreImpl() {
+  if (_initialised != 0) sem_destroy(&_sem);
+}
+
+bool NUVSysSemaphoreImpl::tryTake() {
+  int32_t c = _currentCount.load(std::memory_order_relaxed);
+  while (c > 0) {
+    if (_currentCount.compare_exchange_weak(c, c - 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool NUVSysSemaphoreImpl::spinTake() {
+  for (int i = 0; i < kSpinTries; ++i) {
+    if (tryTake()) return true;
+    systemts::detail::cpuRelax();
+  }
+  return false;
+}
+
+int NUVSysSemaphoreImpl::sleepForUnit(const timespec* deadline) {
+  for (;;) {
+    const int rc = deadline != nullptr ? sem_timedwait(&_sem, deadline) : sem_wait(&_sem);
+    if (rc == 0) return 0;  // a Signal handed us its unit
+    const int e = errno;
+    if (e == EINTR) continue;  // a signal handler ran: same deadline, wait on
+    // Timed out (or failed): count ourselves out again while no unit has been
+    // handed to us.
+    int32_t c = _currentCount.load(std::memory_order_relaxed);
+    while (c < 0) {
+      if (_currentCount.compare_exchange_weak(c, c + 1, std::memory_order_relaxed)) {
+        return e == ETIMEDOUT ? 1 : SystemTSResultFromErrno(e);
+      }
+    }
+    // Too late: a Signal counted us in and handed us a unit; its post is on
+    // the way or already there. Take it, so that no stale post is left.
+    while (sem_wait(&_sem) != 0) {
+      if (errno != EINTR) return errnoResult();
+    }
+    return 0;
+  }
+}
+
+int NUVSysSemaphoreImpl::Wait() {
+  if (spinTake()) return 0;
+  // Count ourselves in as a sleeper; a unit that arrived meanwhile is ours.
+  if (_currentCount.fetch_sub(1, std::memory_order_acquire) > 0) return 0;
+  return sleepForUnit(nullptr);
+}
+
+int NUVSysSemaphoreImpl::TimedWait(int milliseconds) {
+  if (milliseconds == -1) return Wait();
+  if (milliseconds < -1) return E_INVALIDARG;
+  if (tryTake()) return 0;
+  if (milliseconds == 0) return 1;
+  timespec deadline;
+  if (const int rc = deadlineAfter(milliseconds, deadline); rc != 0) return rc;
+  if (spinTake()) return 0;
+  if (_currentCount.fetch_sub(1, std::memory_order_acquire) > 0) return 0;
+  return sleepForUnit(&deadline);
+}
+
+int NUVSysSemaphoreImpl::Signal() {
+  int32_t c = _currentCount.load(std::memory_order_relaxed);
+  do {
+    // A negative count means sleepers and no unit: the unit goes to one of
+    // them. The maximum bounds the units, so a semaphore of maximum 0 stays
+    // at 0 even with sleepers.
+    if ((c > 0 ? c : 0) >= _maxCount) return E_FAIL;
+  } while (!_currentCount.compare_exchange_weak(c, c + 1, std::memory_order_release, std::memory_order_relaxed));
+  if (c < 0 && sem_post(&_sem) != 0) return errnoResult();
+  return 0;
+}
+
+int NUVSysSemaphoreImpl::GetMaxCount(int& n) const {
+  n = _maxCount;
+  return 0;
+}
+
+int NUVSysSemaphoreImpl::GetCurrentCount(int& n) const {
+  const int32_t c = _currentCount.load(std::memory_order_relaxed);
+  n = c > 0 ? c : 0;
+  return 0;
+}
+
+// ---- NUVSysSemaphoreVarCntImpl ----
+
+NUVSysSemaphoreVarCntImpl::NUVSysSemaphoreVarCntImpl(int maxCount, int initialCount)
+    : _currentCount(initialCount), _maxCount(maxCount) {}
+
+NUVSysSemaphoreVarCntImpl::~NUVSysSemaphoreVarCntImpl() = default;
+
+int NUVSysSemaphoreVarCntImpl::take(int n, int milliseconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds > 0 ? milliseconds : 0);
+  const auto enough = [this, n] { return _currentCount.load(std::memory_order_relaxed) >= n; };
+  std::unique_lock<std::mutex> lock(_mutex);
+  if (!enough()) {
+    if (milliseconds == 0) return 1;
+    ++_waiters;
+    bool taken = true;
+    if (milliseconds < 0) {
+      _cond.wait(lock, enough);
+    } else {
+      taken = _cond.wait_until(lock, deadline, enough);
+    }
+    --_waiters;
+    if (!taken) return 1;
+  }
+  _currentCount.store(_currentCount.load(std::memory_order_relaxed) - n, std::memory_order_relaxed);
+  return 0;
+}
+
+int NUVSysSemaphoreVarCntImpl::Wait() { return take(1, -1); }
+
+int NUVSysSemaphoreVarCntImpl::TimedWait(int milliseconds) {
+  if (milliseconds < -1) return E_INVALIDARG;
+  return take(1, milliseconds);
+}
+
+int NUVSysSemaphoreVarCntImpl::Signal() { return IncreaseCount(1, 0); }
+
+int NUVSysSemaphoreVarCntImpl::GetMaxCount(int& n) const {
+  n = _maxCount;
+  return 0;
+}
+
+int NUVSysSemaphoreVarCntImpl::IncreaseCount(int n, int partial) {
+  if (n < 0) return E_INVALIDARG;
+  int rc = 0;
+  bool wake = false;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    const int32_t count = _currentCount.load(std::memory_order_relaxed);
+    int32_t add = n;
+    if (add > _maxCount - count) {
+      if (partial == 0) return E_FAIL;
+      add = _maxCount - count;
+      rc = 1;
+    }
+    _currentCount.store(count + add, std::memory_order_relaxed);
+    wake = add > 0 && _waiters > 0;
+  }
+  // Waiters may want different numbers of units: let each of them look.
+  if (wake) _cond.notify_all();
+  return rc;
+}
+
+int NUVSysSemaphoreVarCntImpl::DecreaseCount(int n) {
+  if (n < 0 || n > _maxCount) return E_INVALIDARG;
+  if (n == 0) return 0;
+  return take(n, -1);
+}
+
+int NUVSysSemaphoreVarCntImpl::GetCurrentCount(int& n) const {
+  n = _currentCount.load(std::memory_order_relaxed);
+  return 0;
+}

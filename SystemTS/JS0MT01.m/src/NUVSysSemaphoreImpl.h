@@ -1,0 +1,101 @@
+// NUVSysSemaphoreImpl.h - the two kinds of NUVSysSemaphore (private).
+#ifndef NUVSYSSEMAPHOREIMPL_H
+#define NUVSYSSEMAPHOREIMPL_H
+
+#include <semaphore.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "NUVSysSemaphore.h"
+
+namespace systemts::detail {
+
+// Tells the processor that the caller spins, so that it yields resources to
+// the other hardware thread of its core and saves power.
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield" ::: "memory");
+#endif
+}
+
+}  // namespace systemts::detail
+
+// The plain kind (0).
+//
+// The count is kept in `_currentCount` and nowhere else; the POSIX semaphore
+// only puts threads to sleep and wakes them. A negative `_currentCount` is
+// minus the number of threads that found no unit and are asleep or about to
+// sleep on `_sem`:
+//   - a waiter takes a unit with a compare-and-swap while the count is
+//     positive, spinning a little before it gives up; then it subtracts one
+//     anyway, and if no unit was there it sleeps in sem_wait;
+//   - Signal adds one (never past the maximum) and posts `_sem` only when the
+//     count was negative, that is when a thread sleeps or is about to: the
+//     unit is then handed to that thread, which owns it when it wakes;
+//   - a timed waiter whose deadline passes adds its one back while the count
+//     is still negative; if the count is no longer negative a Signal already
+//     handed it a unit, and it takes the matching post and returns 0.
+// So posts always equal hand-offs, `_sem` never holds stale posts, and a
+// Signal with nobody waiting is one atomic operation and no system call.
+class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
+ public:
+  NUVSysSemaphoreImpl(int maxCount, int initialCount);
+  ~NUVSysSemaphoreImpl() override;
+
+  // True when the POSIX semaphore was initialised; a semaphore that is not
+  // must not be used.
+  bool initialised() const { return _initialised != 0; }
+
+  int Wait() override;
+  int TimedWait(int milliseconds) override;
+  int Signal() override;
+  int GetMaxCount(int& n) const override;
+  int GetCurrentCount(int& n) const override;
+
+ private:
+  // Takes a unit if one is there, without waiting.
+  bool tryTake();
+  // tryTake, retried for a short while before a caller goes to sleep.
+  bool spinTake();
+  // Sleeps until a unit is handed over, or until `deadline` (real-time
+  // clock) when it is not null. Called after the waiter counted itself in.
+  int sleepForUnit(const struct timespec* deadline);
+
+  sem_t _sem;
+  int32_t _initialised = 0;
+  std::atomic<int32_t> _currentCount;
+  int32_t _maxCount;
+};
+
+// The variable-count kind (1): the count under a mutex, waiters on a
+// condition variable, timed waits on the monotonic clock.
+class NUVSysSemaphoreVarCntImpl final : public NUVSysSemaphore {
+ public:
+  NUVSysSemaphoreVarCntImpl(int maxCount, int initialCount);
+  ~NUVSysSemaphoreVarCntImpl() override;
+
+  int Wait() override;
+  int TimedWait(int milliseconds) override;
+  int Signal() override;
+  int GetMaxCount(int& n) const override;
+  int IncreaseCount(int n, int partial) override;
+  int DecreaseCount(int n) override;
+  int GetCurrentCount(int& n) const override;
+
+ private:
+  // Takes n units; milliseconds < 0 waits without limit. 0 or 1 (timed out).
+  int take(int n, int milliseconds);
+
+  std::mutex _mutex;
+  std::condition_variable _cond;
+  std::atomic<int32_t> _currentCount;  // written under _mutex, read anywhere
+  const int32_t _maxCount;
+  int32_t _waiters = 0;                // threads in _cond.wait; under _mutex
+};
+
+#endif  // NUVSYSSEMAPHOREIMPL_H
