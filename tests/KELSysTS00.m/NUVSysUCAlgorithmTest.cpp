@@ -1,6 +1,7 @@
 // Behaviour of the public UTF transforms and hashes that callers rely on,
 // including the lenient and boundary cases kept for compatibility.
 #include "NUVSysUCAlgorithm.h"
+#include "NUVSysCodePage.h"
 
 #include <gtest/gtest.h>
 #include <utf8/unchecked.h>
@@ -288,6 +289,9 @@ TEST(NUVSysUCAlgorithm, V3HashesAgreeAcrossForms) {
   EXPECT_EQ(3687u, Alg::HashV3FromMBCSOptimistic("ab", 2, 0, nullptr));
   EXPECT_EQ(42u, Alg::HashV3FromMBCS(nullptr, 5, 42, nullptr));
 
+  // An explicit UTF-8 page: the environment's page depends on the locale
+  // the tests run under.
+  const NUVSysCodePage utf8("UTF-8");
   std::mt19937 rng(99);
   for (int round = 0; round < 100; ++round) {
     const std::string s = mixedUtf8(rng, rng() % 3000);
@@ -297,8 +301,8 @@ TEST(NUVSysUCAlgorithm, V3HashesAgreeAcrossForms) {
     const unsigned want = naiveV3(u, seed);
     ASSERT_EQ(want, Alg::HashV3FromUCS2(u.data(), u.size(), seed));
     ASSERT_EQ(want, Alg::HashV3FromUTF8(s.data(), s.size(), seed));
-    ASSERT_EQ(want, Alg::HashV3FromMBCS(s.data(), s.size(), seed, nullptr));
-    ASSERT_EQ(want, Alg::HashV3FromMBCSOptimistic(s.data(), s.size(), seed, nullptr));
+    ASSERT_EQ(want, Alg::HashV3FromMBCS(s.data(), s.size(), seed, &utf8));
+    ASSERT_EQ(want, Alg::HashV3FromMBCSOptimistic(s.data(), s.size(), seed, &utf8));
   }
 }
 

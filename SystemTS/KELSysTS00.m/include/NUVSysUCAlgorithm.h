@@ -114,8 +114,8 @@ class SYSTEMTS_API NUVSysUCAlgorithm {
                                      unsigned int seed);
   static unsigned int HashV3FromUTF8(const char* bytes, unsigned long n, unsigned int seed);
   // Hashes text in `codePage` through its UTF-16 form; a null text gives
-  // `seed`. A null code page means the process code page; until the code-page
-  // converter is part of the library, that page is UTF-8.
+  // `seed`. A null code page means the process's environment converter
+  // (NUVSysCodePage::GetEnvConverter).
   static unsigned int HashV3FromMBCS(const char* bytes, unsigned long n, unsigned int seed,
                                      const NUVSysCodePage* codePage);
   // HashV3FromMBCS with an ASCII fast path: bytes up to 0x7F are hashed

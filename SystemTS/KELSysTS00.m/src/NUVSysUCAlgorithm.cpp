@@ -8,6 +8,7 @@
 
 #include <utf8/core.h>
 
+#include "NUVSysCodePage.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -19,15 +20,6 @@ const uint16_t* units(const unsigned short* p) { return reinterpret_cast<const u
 uint16_t* units(unsigned short* p) { return reinterpret_cast<uint16_t*>(p); }
 
 constexpr unsigned kBadArguments = 0xFFFFFFFFu;
-
-// Converts text in the process code page to UTF-16 with the bounded,
-// resumable contract of ConvertUTF8ToUTF16. The process code page is UTF-8
-// until the library has its code-page converter, which takes this function's
-// place.
-unsigned convertEnvPageToUTF16(const char*& src, int& srcLen, unsigned short* out,
-                               unsigned capacity) {
-  return NUVSysUCAlgorithm::ConvertUTF8ToUTF16(src, srcLen, out, capacity);
-}
 
 }  // namespace
 
@@ -282,16 +274,18 @@ unsigned int NUVSysUCAlgorithm::HashV3FromUTF8(const char* text, unsigned long n
 
 unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
                                                unsigned int seed,
-                                               const NUVSysCodePage* /*codePage*/) {
+                                               const NUVSysCodePage* codePage) {
   if (!text) return seed;
+  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
   const UtfKernels& k = utfKernels();
   uint32_t h = seed;
-  unsigned short buf[256];
+  // 256 units a round, and one more for the terminator some methods write.
+  unsigned short buf[257];
   const char* p = text;
-  int left = static_cast<int>(n);
-  while (p) {
-    const unsigned got = convertEnvPageToUTF16(p, left, buf, 256);
-    if (got == kBadArguments) break;
+  size_t left = n;
+  while (p && left > 0) {
+    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
+    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
     h = k.hashUnits(units(buf), got, h);
   }
   return h;

@@ -1,0 +1,145 @@
+// NUVSysCodePage.h - conversion between a multi-byte code page (MBCS) and
+// UTF-16.
+//
+// Each converter has one of three method pairs:
+//   "UTF-8"                          the library's own UTF-8 transforms;
+//   a name iconv can open            iconv, through NUVSysIConvTSWrap (each
+//                                    thread uses its own descriptors);
+//   null, "N/A", or a name iconv     identity: bytes widen to units, units
+//   cannot open                      narrow to their low byte; the name is
+//                                    then "Identity" and IsValid() is false.
+// A name iconv cannot open is reported once on standard error ("ERROR:
+// SUPPLANG_K2 does not contain a valid code set for code page: <name>.").
+//
+// Replacements, kept exactly for compatibility:
+// - MBCS to UTF-16 through iconv: a character iconv rejects becomes the unit
+//   0x3F00 (the bytes 0x00 0x3F in UTF-16LE order, not '?' 0x003F), and the
+//   conversion goes on after it. Its length is measured with mbrlen under the
+//   converter's C locale (1 byte when the locale does not know it). In a
+//   bounded call whose room is already used up, such a character is skipped
+//   without its replacement.
+// - UTF-16 to MBCS through iconv: a unit iconv rejects becomes '?'.
+// - The UTF-8 methods are lenient: malformed bytes decode by arithmetic, as
+//   the library's unchecked transforms do.
+//
+// Buffers: a bounded MBCS-to-UTF-16 call with capacity c may write c + 1
+// units (a terminating 0 follows the UTF-8 and identity results); the
+// one-shot form writes up to srcLen + 1 units; UTF-16 to MBCS writes up to
+// 4 * n + 1 bytes (NUVGetMultiByteCharMaxSize() * n + 1 suffices for the
+// process code page). Through iconv the MBCS-to-UTF-16 result is not
+// terminated.
+//
+// Threads: a converter may be used from any number of threads at once;
+// conversions take no lock. The environment converter follows changes of
+// language (OnChangeNLSCore); such a change is not synchronised with
+// conversions running at that moment.
+#ifndef NUVSYSCODEPAGE_H
+#define NUVSYSCODEPAGE_H
+
+#include <atomic>
+#include <cstddef>
+#include <cwchar>
+
+#include "NUVSysIConvTSWrap.h"
+#include "NUVSysNLSEnv.h"
+#include "SystemTSCommon.h"
+
+class SYSTEMTS_API NUVSysCodePage {
+ public:
+  // An empty converter: it converts nothing (results 0) until _Reinitialize.
+  NUVSysCodePage();
+  // A converter for `codePage` (see the method pairs above).
+  explicit NUVSysCodePage(const char* codePage);
+  virtual ~NUVSysCodePage();
+  NUVSysCodePage(const NUVSysCodePage&) = delete;
+  NUVSysCodePage& operator=(const NUVSysCodePage&) = delete;
+
+  // The process's converter for the code page of the national-language core
+  // (NUVSysNLSEnv.h), made on first use under the global mutex. It lives
+  // until the process ends (it is never destroyed, so that code running
+  // during exit can still convert).
+  static const NUVSysCodePage& GetEnvConverter();
+  // Re-initialises the environment converter for a new language; registered
+  // with NLSCoreRegisterCBOnChange.
+  static void OnChangeNLSCore(const NUVSysNLSEnv& env);
+
+  // One-shot: converts `srcLen` bytes into `dst` without a capacity limit
+  // (see Buffers). Stores the units written through `dstLen` when non-null
+  // and returns them; 0 for a null `src` or `dst`, a negative `srcLen` or an
+  // empty converter.
+  int ConvertMBCSToUTF16(const char* src, int srcLen, unsigned short* dst, int* dstLen) const;
+  // Resumable: writes at most `dstCap` units (plus a terminating 0, see
+  // Buffers), advances `src` and lowers `srcLen` by the bytes consumed, and
+  // sets `src` to null once `srcLen` reaches 0. Returns the units written;
+  // 0 when `dstCap` is 0 or an argument is null; (size_t)-1 when the UTF-8
+  // transform refuses its arguments.
+  size_t ConvertMBCSToUTF16(const char*& src, size_t& srcLen, unsigned short* dst, size_t dstCap) const;
+  // Converts `n` units into `dst` and terminates it. Stores the bytes
+  // written through `dstLen` when non-null (the UTF-8 method terminates and
+  // stores only then) and returns them; 0 for null pointers or n < 0.
+  int ConvertUTF16ToMBCS(const unsigned short* src, int n, char* dst, int* dstLen) const;
+
+  // 0 when every character of the `len` bytes converts to one UTF-16 unit and
+  // back to the same bytes, -1 otherwise; 0 for a null text.
+  // Warning, kept for compatibility: a '?' byte counts as convertible but the
+  // scan does not move past it, so text holding '?' before its end never
+  // returns. Do not pass such text.
+  // On a UTF-8 converter a text of more than one character reports an
+  // overflow ("ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow
+  // has occurred!" on standard error) and gives -1, as it always has.
+  int CanConvertMBCSToUTF16(const char* text, size_t len) const;
+  // 0 when every unit other than '?' converts to MBCS and back unchanged,
+  // -1 otherwise; 0 for a null text or n < 1.
+  int CanConvertUTF16ToMBCS(const unsigned short* text, int n) const;
+
+  // Decode the character at `p` (NUL-terminated text; nothing past its NUL is
+  // read) and advance `p`. Results: UTF16 the units written to `out` (1 or 2;
+  // `out` holds 2), UTF32 1, UTF8 the bytes written to `out` (1 to 4; not
+  // terminated); 0 on failure. A NUL byte decodes to 0 and counts as one
+  // character.
+  int GetNextMultiByteCharAsUTF16(const char*& p, unsigned short* out) const;
+  int GetNextMultiByteCharAsUTF32(const char*& p, unsigned int& out) const;
+  int GetNextMultiByteCharAsUTF8(const char*& p, char* out) const;
+
+  // False for an identity (or empty) converter.
+  bool IsValid() const;
+  // The code page name, "Identity", or null for an empty converter.
+  const char* GetCodePageName() const { return _codePage; }
+
+  // Sets the converter up for `codePage` and, when `localeEntry` is given,
+  // associates the C locale of that language entry. Same name: no change.
+  void _Reinitialize(const char* codePage, const char* localeEntry);
+  // Registers both directions with NUVSysIConvTSWrap and checks that iconv
+  // can open them. 1 for a UTF-8 converter, 0 on success, E_FAIL otherwise.
+  int _InitConvDesc(const char* codePage);
+  // The associated C locale name, "C" when none.
+  const char* _GetAssociatedCLocale() const;
+  // Byte length of the character at `s` (reading at most `max` bytes) under
+  // the C locale `localeName`, switched in for the calling thread only. 1 for
+  // a null locale name and for an invalid or incomplete character.
+  static size_t _mbrlen_s(const char* localeName, const char* s, size_t max, mbstate_t* state);
+
+ private:
+  using ToUTF16 = int (NUVSysCodePage::*)(const char*&, int&, unsigned short*, int&) const;
+  using FromUTF16 = int (NUVSysCodePage::*)(const unsigned short*, int, char*, int*) const;
+
+  int _CPtoUC2(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
+  int _UTF8toUTF16(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
+  int _CPtoUC2ByIdentity(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
+  int _UC2toCP(const unsigned short* src, int n, char* dst, int* dstLen) const;
+  int _UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const;
+  int _UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const;
+  void setIdentity();
+
+  char* _codePage;        // owned copy, "Identity", or null
+  ToUTF16 _toUTF16;
+  FromUTF16 _fromUTF16;
+  char* _cLocale;         // 85 bytes, made on demand
+  IConvDesc_t _toUcs;     // code page -> "UTF-16LE"
+  IConvDesc_t _fromUcs;   // "UTF-16LE" -> code page
+  int _isUTF8;
+
+  static std::atomic<NUVSysCodePage*> _sCPConverter;
+};
+
+#endif  // NUVSYSCODEPAGE_H

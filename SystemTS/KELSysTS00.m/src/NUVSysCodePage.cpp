@@ -1,0 +1,439 @@
+// NUVSysCodePage: the MBCS <-> UTF-16 converter with its three method pairs,
+// and the environment converter.
+#include "NUVSysCodePage.h"
+
+#include <cassert>
+#include <cerrno>
+#include <climits>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <new>
+
+#include "KELMutex.h"
+#include "NUVSysCLocale.h"
+#include "NUVSysUCAlgorithm.h"
+#include "UTFCore.h"
+
+using namespace systemts::detail;
+
+namespace {
+
+const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+constexpr size_t kLocaleBuffer = 85;
+
+char* copyName(const char* s) {
+  const size_t n = std::strlen(s) + 1;
+  char* c = static_cast<char*>(std::malloc(n));
+  if (c != nullptr) std::memcpy(c, s, n);
+  return c;
+}
+
+// Bytes of the NUL-terminated text at p that a one-character decode may read:
+// at most `max`, and never past the terminating NUL (which is included).
+size_t readable(const char* p, size_t max) {
+  const size_t n = strnlen(p, max);
+  return n < max ? n + 1 : max;
+}
+
+}  // namespace
+
+std::atomic<NUVSysCodePage*> NUVSysCodePage::_sCPConverter{nullptr};
+
+// ---- construction ----
+
+NUVSysCodePage::NUVSysCodePage()
+    : _codePage(nullptr), _toUTF16(nullptr), _fromUTF16(nullptr), _cLocale(nullptr), _toUcs(0), _fromUcs(0),
+      _isUTF8(0) {}
+
+NUVSysCodePage::NUVSysCodePage(const char* codePage) : NUVSysCodePage() { _Reinitialize(codePage, nullptr); }
+
+NUVSysCodePage::~NUVSysCodePage() {
+  std::free(_codePage);
+  delete[] _cLocale;
+}
+
+void NUVSysCodePage::setIdentity() {
+  _isUTF8 = 0;
+  if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
+  _toUTF16 = &NUVSysCodePage::_CPtoUC2ByIdentity;
+  _fromUTF16 = &NUVSysCodePage::_UC2toCPByIdentity;
+  char* name = copyName("Identity");
+  if (name != nullptr) {
+    std::free(_codePage);
+    _codePage = name;
+  }
+}
+
+void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
+  if (codePage == nullptr) {
+    setIdentity();
+    return;
+  }
+  if (_codePage != nullptr && std::strcmp(_codePage, codePage) == 0) return;
+  _isUTF8 = 0;
+  if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
+  if (std::strcmp(codePage, "UTF-8") == 0) {
+    _isUTF8 = 1;
+    _toUTF16 = &NUVSysCodePage::_UTF8toUTF16;
+    _fromUTF16 = &NUVSysCodePage::_UTF16toUTF8;
+  } else if (_InitConvDesc(codePage) < 0) {
+    setIdentity();
+    return;
+  } else {
+    _toUTF16 = &NUVSysCodePage::_CPtoUC2;
+    _fromUTF16 = &NUVSysCodePage::_UC2toCP;
+  }
+  if (localeEntry != nullptr) {
+    if (_cLocale == nullptr) {
+      _cLocale = new (std::nothrow) char[kLocaleBuffer];
+      if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
+    }
+    if (_cLocale != nullptr && NUVSysCLocale::GetLocaleStringFromLangString(localeEntry, _cLocale, kLocaleBuffer) != 0) {
+      std::strcpy(_cLocale, "C");
+    }
+  }
+  if (char* name = copyName(codePage)) {
+    std::free(_codePage);
+    _codePage = name;
+  }
+}
+
+int NUVSysCodePage::_InitConvDesc(const char* codePage) {
+  if (_isUTF8 != 0) return 1;
+  if (codePage == nullptr || std::strcmp(codePage, "N/A") == 0) return E_FAIL;
+  int rc = NUVSysIConvTSWrap::Open("UTF-16LE", codePage, _toUcs);
+  if (rc == S_OK) rc = NUVSysIConvTSWrap::Open(codePage, "UTF-16LE", _fromUcs);
+  // Registering opens nothing: make sure iconv really knows the code page,
+  // so that an unknown one becomes an identity converter as promised.
+  if (rc == S_OK && (NUVSysIConvTSWrap::GetIConvDesc(_toUcs) == kNoDescriptor ||
+                     NUVSysIConvTSWrap::GetIConvDesc(_fromUcs) == kNoDescriptor)) {
+    rc = E_FAIL;
+  }
+  if (rc != S_OK) {
+    std::fprintf(stderr, "ERROR: SUPPLANG_K2 does not contain a valid code set for code page: %s.\n", codePage);
+    std::fflush(stderr);
+  }
+  return rc;
+}
+
+const char* NUVSysCodePage::_GetAssociatedCLocale() const { return _cLocale != nullptr ? _cLocale : "C"; }
+
+bool NUVSysCodePage::IsValid() const { return _toUTF16 != nullptr && _toUTF16 != &NUVSysCodePage::_CPtoUC2ByIdentity; }
+
+// ---- the environment converter ----
+
+const NUVSysCodePage& NUVSysCodePage::GetEnvConverter() {
+  if (NUVSysCodePage* c = _sCPConverter.load(std::memory_order_acquire)) return *c;
+  KELSysMTGlobalMutex(1, nullptr, 0);
+  NUVSysNLSEnv env;
+  GetEnvNLSData(env);
+  if (_sCPConverter.load(std::memory_order_relaxed) == nullptr) {
+    assert(env.codePage[0] != '\0' && "l_NLSEntry.codePage && strcmp(l_NLSEntry.codePage, \"\")");
+    // Never destroyed: code that runs during exit may still convert.
+    alignas(NUVSysCodePage) static unsigned char storage[sizeof(NUVSysCodePage)];
+    auto* c = new (storage) NUVSysCodePage();
+    NLSCoreRegisterCBOnChange(&NUVSysCodePage::OnChangeNLSCore);
+    c->_Reinitialize(env.codePage, env.localeEntry);
+    _sCPConverter.store(c, std::memory_order_release);
+  }
+  KELSysMTGlobalMutex(2, nullptr, 0);
+  return *_sCPConverter.load(std::memory_order_acquire);
+}
+
+void NUVSysCodePage::OnChangeNLSCore(const NUVSysNLSEnv& env) {
+  auto& c = const_cast<NUVSysCodePage&>(GetEnvConverter());
+  c._Reinitialize(env.codePage, env.localeEntry);
+}
+
+// ---- public conversions ----
+
+int NUVSysCodePage::ConvertMBCSToUTF16(const char* src, int srcLen, unsigned short* dst, int* dstLen) const {
+  int units = 0;
+  if (src != nullptr && dst != nullptr && srcLen >= 0 && _toUTF16 != nullptr) {
+    int cap = -1;
+    (this->*_toUTF16)(src, srcLen, dst, cap);
+    units = cap;
+  }
+  if (dstLen != nullptr) *dstLen = units;
+  return units;
+}
+
+size_t NUVSysCodePage::ConvertMBCSToUTF16(const char*& src, size_t& srcLen, unsigned short* dst,
+                                          size_t dstCap) const {
+  if (src == nullptr || dst == nullptr || dstCap == 0 || _toUTF16 == nullptr) return 0;
+  const int len = static_cast<int>(srcLen < INT_MAX ? srcLen : INT_MAX);
+  int left = len;
+  int cap = static_cast<int>(dstCap < INT_MAX ? dstCap : INT_MAX);
+  const int units = (this->*_toUTF16)(src, left, dst, cap);
+  if (units < 0) return static_cast<size_t>(-1);
+  srcLen -= static_cast<size_t>(len - left);
+  if (srcLen == 0) src = nullptr;
+  return static_cast<size_t>(units);
+}
+
+int NUVSysCodePage::ConvertUTF16ToMBCS(const unsigned short* src, int n, char* dst, int* dstLen) const {
+  if (src == nullptr || dst == nullptr || n < 0 || _fromUTF16 == nullptr) {
+    if (dstLen != nullptr) *dstLen = 0;
+    return 0;
+  }
+  return (this->*_fromUTF16)(src, n, dst, dstLen);
+}
+
+// ---- iconv methods ----
+
+size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t max, mbstate_t* state) {
+  if (localeName == nullptr) return 1;
+  int rc = 0;
+  NUVSysCLocale::ThreadLC lc(LC_CTYPE, localeName, &rc);
+  const size_t n = std::mbrlen(s, max, state);
+  return n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2) ? 1 : n;
+}
+
+int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
+  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_toUcs);
+  if (cd == kNoDescriptor) return _CPtoUC2ByIdentity(src, srcLen, dst, dstCap);
+  char* in = const_cast<char*>(src);
+  size_t inLeft = static_cast<size_t>(srcLen);
+  char* const out0 = reinterpret_cast<char*>(dst);
+  char* out = out0;
+  size_t outLeft = 2 * static_cast<size_t>(dstCap >= 1 ? dstCap : srcLen);
+  std::mbstate_t state{};
+  size_t maxChar = 0;
+  for (;;) {
+    if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
+    const int e = errno;
+    if (e == E2BIG) {
+      if (dstCap == 0) {
+        std::fprintf(stderr, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
+                     static_cast<unsigned long long>(inLeft));
+        std::fflush(stderr);
+      }
+      break;
+    }
+    if (e == EINVAL) {
+      std::fprintf(stderr, "iconv EINVAL error: input buffer was truncated.\n");
+      std::fflush(stderr);
+    } else if (e != EILSEQ) {
+      std::fprintf(stderr, "iconv errno is: %d\n", e);
+      std::fflush(stderr);
+    }
+    // Skip the character iconv refused and write the replacement unit.
+    if (maxChar == 0) maxChar = static_cast<size_t>(NUVGetMultiByteCharMaxSize());
+    size_t skip = _mbrlen_s(_GetAssociatedCLocale(), in, maxChar < inLeft ? maxChar : inLeft, &state);
+    if (skip == 0) skip = 1;  // a NUL iconv refused: one byte
+    if (skip > inLeft) {
+      in += inLeft;
+      inLeft = 0;
+      break;
+    }
+    in += skip;
+    inLeft -= skip;
+    if (outLeft < 2) break;
+    out[0] = 0x00;  // UTF-16LE bytes 00 3F: the unit 0x3F00
+    out[1] = 0x3F;
+    out += 2;
+    outLeft -= 2;
+    if (inLeft == 0) break;
+  }
+  const int units = static_cast<int>((out - out0) / 2);
+  src = in;
+  srcLen = static_cast<int>(inLeft);
+  dstCap = units;
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  return units;
+}
+
+int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* dstLen) const {
+  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_fromUcs);
+  if (cd == kNoDescriptor) return _UC2toCPByIdentity(src, n, dst, dstLen);
+  char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
+  size_t inLeft = 2 * static_cast<size_t>(n);
+  char* out = dst;
+  size_t outLeft = 4 * static_cast<size_t>(n);
+  while (inLeft > 0) {
+    if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
+    if (inLeft == 0 || outLeft == 0) break;
+    *out++ = '?';
+    --outLeft;
+    in += 2;
+    inLeft = inLeft >= 2 ? inLeft - 2 : 0;
+  }
+  const int bytes = static_cast<int>(out - dst);
+  dst[bytes] = '\0';
+  if (dstLen != nullptr) *dstLen = bytes;
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  return bytes;
+}
+
+// ---- UTF-8 methods ----
+
+int NUVSysCodePage::_UTF8toUTF16(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
+  if (dstCap == -1) {
+    unsigned short* end = NUVSysUCAlgorithm::unchecked::utf8to16(src, src + srcLen, dst);
+    *end = 0;
+    dstCap = static_cast<int>(end - dst);
+    return dstCap;
+  }
+  if (dstCap < 1) return dstCap;
+  const unsigned units = NUVSysUCAlgorithm::ConvertUTF8ToUTF16(src, srcLen, dst, static_cast<unsigned>(dstCap));
+  if (units == 0xFFFFFFFFu) return -1;
+  dst[units] = 0;
+  dstCap = static_cast<int>(units);
+  return dstCap;
+}
+
+int NUVSysCodePage::_UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const {
+  char* end = NUVSysUCAlgorithm::unchecked::utf16to8(src, src + n, dst);
+  const int bytes = static_cast<int>(end - dst);
+  if (dstLen != nullptr) {
+    *end = '\0';
+    *dstLen = bytes;
+  }
+  return bytes;
+}
+
+// ---- identity methods ----
+
+int NUVSysCodePage::_CPtoUC2ByIdentity(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
+  int count = srcLen;
+  if (dstCap >= 1 && count > dstCap) count = dstCap;
+  const auto* s = reinterpret_cast<const unsigned char*>(src);
+  for (int i = 0; i < count; ++i) dst[i] = s[i];
+  if (count == srcLen) dst[count] = 0;
+  src += count;
+  srcLen -= count;
+  dstCap = count;
+  return count;
+}
+
+int NUVSysCodePage::_UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const {
+  for (int i = 0; i < n; ++i) dst[i] = static_cast<char>(src[i] & 0xFF);
+  dst[n] = '\0';
+  if (dstLen != nullptr) *dstLen = n;
+  return n;
+}
+
+// ---- two-way tests ----
+
+int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
+  if (text == nullptr) return 0;
+  // One unit is asked for at a time, but the UTF-8 method converts the whole
+  // rest at a capacity of 1: room for that keeps every write in bounds.
+  unsigned short small[64];
+  std::unique_ptr<unsigned short[]> big;
+  unsigned short* units = small;
+  if (len + 2 > 64) {
+    big.reset(new (std::nothrow) unsigned short[len + 2]);
+    if (!big) return -1;
+    units = big.get();
+  }
+  const char* p = text;
+  size_t left = len;
+  while (left > 0) {
+    // Kept: a '?' is not stepped over (see the header). The volatile read
+    // keeps the loop a defined, observable wait rather than one the compiler
+    // may assume to end.
+    if (*static_cast<const volatile char*>(p) == '?') continue;
+    const char* q = p;
+    size_t l = left;
+    const size_t got = ConvertMBCSToUTF16(q, l, units, 1);
+    if (got == 0) return -1;
+    if (got != 1) {
+      std::fprintf(stderr, "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
+      std::fflush(stderr);
+      return -1;
+    }
+    char back[5] = {};
+    int produced = 0;
+    ConvertUTF16ToMBCS(units, 1, back, &produced);
+    if (produced < 0 || static_cast<size_t>(produced) > left || std::memcmp(back, p, static_cast<size_t>(produced)) != 0) {
+      return -1;
+    }
+    const size_t consumed = left - l;
+    if (consumed == 0) return -1;  // nothing moved: the character cannot convert
+    p += consumed;
+    left = l;
+  }
+  return 0;
+}
+
+int NUVSysCodePage::CanConvertUTF16ToMBCS(const unsigned short* text, int n) const {
+  if (text == nullptr || n < 1) return 0;
+  for (int i = 0; i < n; ++i) {
+    if (text[i] == 0x3F) continue;
+    char bytes[8] = {};
+    int produced = 0;
+    ConvertUTF16ToMBCS(&text[i], 1, bytes, &produced);
+    unsigned short back[16] = {};
+    const int units = ConvertMBCSToUTF16(bytes, produced, back, nullptr);
+    if (units < 1 || back[0] != text[i]) return -1;
+  }
+  return 0;
+}
+
+// ---- one character ----
+
+int NUVSysCodePage::GetNextMultiByteCharAsUTF16(const char*& p, unsigned short* out) const {
+  if (p == nullptr || out == nullptr || _toUTF16 == nullptr) return 0;
+  if (_isUTF8 != 0) {
+    const auto* s = reinterpret_cast<const uint8_t*>(p);
+    const uint32_t cp = decodeUtf8(s, s + readable(p, 4));
+    p = reinterpret_cast<const char*>(s);
+    return static_cast<int>(appendUtf16(cp, reinterpret_cast<uint16_t*>(out)) - reinterpret_cast<uint16_t*>(out));
+  }
+  // The methods may terminate their result: convert into room of our own.
+  unsigned short units[4];
+  const char* const start = p;
+  const int avail = static_cast<int>(readable(p, 4));
+  for (int cap : {1, 2}) {
+    const char* q = start;
+    int len = avail;
+    int room = cap;
+    const int got = (this->*_toUTF16)(q, len, units, room);
+    if (got > 0) {
+      out[0] = units[0];
+      if (got > 1) out[1] = units[1];
+      p = q;
+      return got > 2 ? 2 : got;
+    }
+    if (cap == 2) p = q != start ? q : start + 1;
+  }
+  if (*start == '\0') {
+    out[0] = 0;
+    return 1;
+  }
+  return 0;
+}
+
+int NUVSysCodePage::GetNextMultiByteCharAsUTF32(const char*& p, unsigned int& out) const {
+  unsigned short units[2] = {};
+  const int n = GetNextMultiByteCharAsUTF16(p, units);
+  if (n == 0) return 0;
+  if (n == 2 && isHighSurrogate(units[0]) && units[1] >= 0xDC00u && units[1] <= 0xDFFFu) {
+    out = (static_cast<uint32_t>(units[0]) << 10) + units[1] + kSurrogateOffset;
+  } else {
+    out = units[0];
+  }
+  return 1;
+}
+
+int NUVSysCodePage::GetNextMultiByteCharAsUTF8(const char*& p, char* out) const {
+  if (p == nullptr || out == nullptr) return 0;
+  if (_isUTF8 != 0) {
+    const auto lead = static_cast<unsigned char>(*p);
+    size_t n = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 1;
+    const size_t avail = readable(p, 4);
+    if (n > avail) n = avail;
+    std::memcpy(out, p, n);
+    p += n;
+    return static_cast<int>(n);
+  }
+  unsigned int cp = 0;
+  if (GetNextMultiByteCharAsUTF32(p, cp) == 0) return 0;
+  auto* o = reinterpret_cast<uint8_t*>(out);
+  return static_cast<int>(appendUtf8(cp, o) - o);
+}

@@ -1,0 +1,198 @@
+// NUVSysIConvTSWrap: the process-wide registry of conversion pairs and the
+// per-thread iconv descriptors.
+#include "NUVSysIConvTSWrap.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "KELMutex.h"
+#include "NUVSysTSDataQueue.h"
+
+namespace {
+
+const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+
+// One registered pair; the registry is a list, newest first.
+struct Pair {
+  char* from;
+  char* to;
+  IConvDesc_t id;  // even
+  Pair* next;
+};
+
+// One thread's descriptors for one pair.
+struct Node {
+  IConvDesc_t pairId;
+  bool invalid;
+  iconv_t forward;  // from -> to
+  iconv_t reverse;  // to -> from
+  Node* next;
+};
+
+KELMutex* g_mutex;                 // guards the registry; made once
+NUVSysTSDataQueue* g_nodes;        // every node of every thread
+Pair* g_pairs;
+IConvDesc_t g_nextId;
+std::atomic<bool> g_ending{false};
+std::atomic<bool> g_warnOnce{true};
+thread_local Node* t_nodes;        // this thread's nodes, most recently used first
+
+bool verbose() {
+  static const bool set = std::getenv("ADL_ODT_IN") != nullptr;
+  return set;
+}
+
+char* copyName(const char* s) {
+  const size_t n = std::strlen(s) + 1;
+  char* c = static_cast<char*>(std::malloc(n));
+  if (c != nullptr) std::memcpy(c, s, n);
+  return c;
+}
+
+}  // namespace
+
+void NUVSysIConvTSWrap::sInitIConvTS(void*) {
+  NUVCreateMutex(g_mutex, 1);
+  KELMutexGuard guard(*g_mutex);
+  if (g_nodes == nullptr) g_nodes = NUVSysTSDataQueue::CreateEmptyQ(false, 0);
+}
+
+int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_t& desc) {
+  if (toCode == nullptr || fromCode == nullptr || g_ending.load(std::memory_order_acquire)) return E_FAIL;
+  sInitIConvTS(nullptr);
+  KELMutexGuard guard(*g_mutex);
+  for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
+    if (std::strcmp(p->from, fromCode) == 0 && std::strcmp(p->to, toCode) == 0) {
+      desc = p->id;
+      return S_OK;
+    }
+    if (std::strcmp(p->from, toCode) == 0 && std::strcmp(p->to, fromCode) == 0) {
+      desc = p->id + 1;
+      return S_OK;
+    }
+  }
+  auto* p = static_cast<Pair*>(std::malloc(sizeof(Pair)));
+  char* from = copyName(fromCode);
+  char* to = copyName(toCode);
+  if (p == nullptr || from == nullptr || to == nullptr) {
+    std::free(p);
+    std::free(from);
+    std::free(to);
+    return E_FAIL;
+  }
+  *p = Pair{from, to, g_nextId, g_pairs};
+  g_nextId += 2;
+  g_pairs = p;
+  desc = p->id;
+  return S_OK;
+}
+
+iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
+  if (g_ending.load(std::memory_order_acquire)) {
+    if (g_warnOnce.exchange(false) && verbose()) {
+      std::fprintf(stdout,
+                   "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has been dropped in a earlier "
+                   "stage\n.");
+      std::fflush(stdout);
+    }
+    return kNoDescriptor;
+  }
+  const IConvDesc_t pairId = desc & ~1u;
+  const bool reverse = (desc & 1u) != 0;
+  // This thread's list, moving a hit to the front: a thread converts with one
+  // or two pairs most of the time, so the first node nearly always answers.
+  for (Node **link = &t_nodes, *n = t_nodes; n != nullptr; link = &n->next, n = n->next) {
+    if (n->pairId != pairId) continue;
+    if (link != &t_nodes) {
+      *link = n->next;
+      n->next = t_nodes;
+      t_nodes = n;
+    }
+    if (n->invalid) return kNoDescriptor;
+    return reverse ? n->reverse : n->forward;
+  }
+
+  // First use of this pair on this thread.
+  char* from = nullptr;
+  char* to = nullptr;
+  if (g_mutex != nullptr) {
+    KELMutexGuard guard(*g_mutex);
+    for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
+      if (p->id == pairId) {
+        from = copyName(p->from);
+        to = copyName(p->to);
+        break;
+      }
+    }
+  }
+  if (from == nullptr || to == nullptr) {
+    std::free(from);
+    std::free(to);
+    if (verbose()) {
+      std::fprintf(stderr, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
+      std::fflush(stderr);
+    }
+    return kNoDescriptor;
+  }
+  auto* node = new (std::nothrow) Node{pairId, true, kNoDescriptor, kNoDescriptor, t_nodes};
+  if (node == nullptr || g_nodes == nullptr || g_nodes->PushFirst(node, 0) != 1) {
+    delete node;
+    std::free(from);
+    std::free(to);
+    return kNoDescriptor;
+  }
+  t_nodes = node;
+  node->forward = iconv_open(to, from);
+  node->reverse = iconv_open(from, to);
+  iconv_t result = kNoDescriptor;
+  if (node->forward == kNoDescriptor || node->reverse == kNoDescriptor) {
+    // Remembered as invalid; a half-opened pair is closed at once.
+    if (node->forward != kNoDescriptor) iconv_close(node->forward);
+    if (node->reverse != kNoDescriptor) iconv_close(node->reverse);
+    node->forward = node->reverse = kNoDescriptor;
+    if (verbose()) {
+      std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
+      std::fflush(stderr);
+    }
+  } else {
+    node->invalid = false;
+    result = reverse ? node->reverse : node->forward;
+  }
+  std::free(from);
+  std::free(to);
+  return result;
+}
+
+void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
+  g_ending.store(true, std::memory_order_release);
+  if (g_nodes != nullptr) {
+    if (verbose()) {
+      std::fprintf(stdout, "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
+      std::fflush(stdout);
+    }
+    void* value = nullptr;
+    while (g_nodes->PopLast(&value, 0) == 1) {
+      auto* node = static_cast<Node*>(value);
+      if (!node->invalid) {
+        if (node->forward != kNoDescriptor) iconv_close(node->forward);
+        if (node->reverse != kNoDescriptor) iconv_close(node->reverse);
+      }
+      delete node;
+    }
+    g_nodes->Release();
+    g_nodes = nullptr;
+  }
+  while (g_pairs != nullptr) {
+    Pair* next = g_pairs->next;
+    std::free(g_pairs->from);
+    std::free(g_pairs->to);
+    std::free(g_pairs);
+    g_pairs = next;
+  }
+  delete g_mutex;
+  g_mutex = nullptr;
+  t_nodes = nullptr;
+}

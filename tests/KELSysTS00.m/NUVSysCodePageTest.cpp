@@ -1,0 +1,229 @@
+// NUVSysCodePage, NUVSysIConvTSWrap and KELSysTSCodePage: real code pages
+// against iconv itself, the replacement unit, resumable conversion, threads,
+// the identity fallback.
+#include "NUVSysCodePage.h"
+
+#include <gtest/gtest.h>
+#include <iconv.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "KELSysTSCodePage.h"
+#include "NUVSysIConvTSWrap.h"
+
+namespace {
+
+using U16 = std::vector<unsigned short>;
+
+std::string readCorpus(const std::string& name) {
+  std::ifstream in(std::string(SYSTEMTS_CORPORA_DIR) + "/" + name, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// What iconv itself makes of the bytes (all of them valid in `page`).
+U16 iconvToUtf16(const char* page, const std::string& bytes) {
+  iconv_t cd = iconv_open("UTF-16LE", page);
+  EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
+  U16 out(bytes.size() + 1);
+  char* in = const_cast<char*>(bytes.data());
+  size_t inLeft = bytes.size();
+  char* o = reinterpret_cast<char*>(out.data());
+  size_t oLeft = out.size() * 2;
+  EXPECT_NE(iconv(cd, &in, &inLeft, &o, &oLeft), static_cast<size_t>(-1));
+  iconv_close(cd);
+  out.resize((out.size() * 2 - oLeft) / 2);
+  return out;
+}
+
+U16 ours(const NUVSysCodePage& cp, const std::string& bytes) {
+  U16 out(bytes.size() + 1);
+  int n = -1;
+  EXPECT_EQ(cp.ConvertMBCSToUTF16(bytes.data(), static_cast<int>(bytes.size()), out.data(), &n), n);
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+TEST(NUVSysCodePage, RealCodePagesMatchIconvBothWays) {
+  const struct {
+    const char* page;
+    const char* file;
+  } cases[] = {
+      {"ISO-8859-1", "latin.iso-8859-1.txt"}, {"CP1252", "latin.cp1252.txt"},
+      {"SHIFT_JIS", "cjk.shift_jis.txt"},     {"EUC-JP", "cjk.euc-jp.txt"},
+      {"GB18030", "cjk.gb18030.txt"},
+  };
+  for (const auto& c : cases) {
+    const std::string bytes = readCorpus(c.file);
+    if (bytes.empty()) GTEST_SKIP() << "corpus " << c.file << " not found in " << SYSTEMTS_CORPORA_DIR;
+    NUVSysCodePage cp(c.page);
+    ASSERT_TRUE(cp.IsValid()) << c.page;
+    EXPECT_STREQ(cp.GetCodePageName(), c.page);
+    const U16 units = ours(cp, bytes);
+    EXPECT_TRUE(units == iconvToUtf16(c.page, bytes)) << c.page;
+    std::string back(4 * units.size() + 1, '\0');
+    int n = 0;
+    cp.ConvertUTF16ToMBCS(units.data(), static_cast<int>(units.size()), back.data(), &n);
+    back.resize(static_cast<size_t>(n));
+    EXPECT_TRUE(back == bytes) << c.page;
+  }
+}
+
+TEST(NUVSysCodePage, RejectedCharacterBecomes3F00AndConversionGoesOn) {
+  NUVSysCodePage sjis("SHIFT_JIS");
+  const std::string bytes = "A\x81\x20" "B\x82\xA0";  // 0x81 0x20 is no character; 0x82 0xA0 is U+3042
+  EXPECT_EQ(ours(sjis, bytes), (U16{0x41, 0x3F00, 0x20, 0x42, 0x3042}));
+  NUVSysCodePage latin1("ISO-8859-1");
+  const unsigned short euro[] = {0x61, 0x20AC, 0x62};
+  char out[16];
+  int n = 0;
+  latin1.ConvertUTF16ToMBCS(euro, 3, out, &n);
+  EXPECT_EQ(std::string(out, static_cast<size_t>(n)), "a?b");
+}
+
+// Resumed in chunks of every small size, the pieces make the one-shot result.
+TEST(NUVSysCodePage, ResumableChunksReassemble) {
+  const std::pair<const char*, std::string> texts[] = {
+      {"EUC-JP", "\xa4\xa2\xa4\xa4 mixed text \xa4\xa2 and \xb4\xc1\xbb\xfa more"},
+      {"UTF-8", "\xe3\x81\x82 mixed \xF0\x9F\x98\x80 text \xC3\xA9 and more"},
+      {"ISO-8859-1", "caf\xe9 cr\xe8" "me br\xfbl\xe9" "e"},
+  };
+  for (const auto& [page, text] : texts) {
+    NUVSysCodePage cp(page);
+    const U16 whole = ours(cp, text);
+    for (size_t cap = 2; cap <= 7; ++cap) {
+      U16 joined;
+      const char* p = text.data();
+      size_t left = text.size();
+      std::vector<unsigned short> chunk(cap + 1);
+      while (p != nullptr && left > 0) {
+        const size_t got = cp.ConvertMBCSToUTF16(p, left, chunk.data(), cap);
+        ASSERT_LE(got, cap) << page;
+        ASSERT_GT(got, 0u) << page;
+        joined.insert(joined.end(), chunk.begin(), chunk.begin() + static_cast<long>(got));
+      }
+      EXPECT_EQ(joined, whole) << page << " cap " << cap;
+    }
+  }
+}
+
+TEST(NUVSysCodePage, Utf8AndIdentityConverters) {
+  NUVSysCodePage utf8("UTF-8");
+  EXPECT_TRUE(utf8.IsValid());
+  EXPECT_EQ(ours(utf8, "\xC3\xA9"), U16{0x00E9});
+  for (const char* bad : {"N/A", "NO-SUCH-CODESET-42"}) {
+    testing::internal::CaptureStderr();
+    NUVSysCodePage id(bad);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(id.IsValid());
+    EXPECT_STREQ(id.GetCodePageName(), "Identity");
+    // "N/A" says there is no code page: nothing to report.
+    EXPECT_EQ(said, std::string(bad) == "N/A" ? std::string()
+                                              : std::string("ERROR: SUPPLANG_K2 does not contain a valid code set "
+                                                            "for code page: ") + bad + ".\n");
+    EXPECT_EQ(ours(id, "a\xE9"), (U16{0x61, 0xE9}));
+    const unsigned short wide[] = {0x1261, 0x00E9};
+    char out[4];
+    id.ConvertUTF16ToMBCS(wide, 2, out, nullptr);
+    EXPECT_STREQ(out, "a\xE9");
+  }
+}
+
+TEST(NUVSysCodePage, TwoWayTests) {
+  NUVSysCodePage latin1("ISO-8859-1");
+  EXPECT_EQ(latin1.CanConvertMBCSToUTF16("caf\xE9", 4), 0);
+  EXPECT_EQ(latin1.CanConvertMBCSToUTF16(nullptr, 4), 0);
+  const unsigned short fine[] = {0x63, 0xE9}, euro[] = {0x63, 0x20AC}, marks[] = {0x3F, 0x3F};
+  EXPECT_EQ(latin1.CanConvertUTF16ToMBCS(fine, 2), 0);
+  EXPECT_EQ(latin1.CanConvertUTF16ToMBCS(euro, 2), -1);
+  EXPECT_EQ(latin1.CanConvertUTF16ToMBCS(marks, 2), 0);
+  NUVSysCodePage sjis("SHIFT_JIS");
+  EXPECT_EQ(sjis.CanConvertMBCSToUTF16("\x82\xA0", 2), 0);
+  EXPECT_EQ(sjis.CanConvertMBCSToUTF16("\x81\x20", 2), -1);
+}
+
+TEST(NUVSysCodePage, NextCharacter) {
+  NUVSysCodePage sjis("SHIFT_JIS"), utf8("UTF-8");
+  const char* p = "\x82\xA0" "A";
+  unsigned short u[2];
+  EXPECT_EQ(sjis.GetNextMultiByteCharAsUTF16(p, u), 1);
+  EXPECT_EQ(u[0], 0x3042);
+  char bytes[4];
+  EXPECT_EQ(sjis.GetNextMultiByteCharAsUTF8(p, bytes), 1);
+  EXPECT_EQ(bytes[0], 'A');
+  EXPECT_EQ(sjis.GetNextMultiByteCharAsUTF16(p, u), 1);  // the NUL
+  EXPECT_EQ(u[0], 0);
+
+  const char* q = "\xF0\x9F\x98\x80\xE2\x82\xAC";
+  unsigned int cp = 0;
+  EXPECT_EQ(utf8.GetNextMultiByteCharAsUTF32(q, cp), 1);
+  EXPECT_EQ(cp, 0x1F600u);
+  EXPECT_EQ(utf8.GetNextMultiByteCharAsUTF8(q, bytes), 3);
+  EXPECT_EQ(std::string(bytes, 3), "\xE2\x82\xAC");
+  const char* cut = "\xF0\x9F";  // cut by the NUL: nothing past it is read
+  EXPECT_EQ(utf8.GetNextMultiByteCharAsUTF16(cut, u), 2);
+}
+
+TEST(NUVSysIConvTSWrap, HandlesNameBothDirections) {
+  IConvDesc_t h = 1, r = 0, again = 0;
+  ASSERT_EQ(NUVSysIConvTSWrap::Open("UTF-16LE", "X-HANDLE-TEST", h), 0);
+  EXPECT_EQ(h % 2, 0u);
+  ASSERT_EQ(NUVSysIConvTSWrap::Open("X-HANDLE-TEST", "UTF-16LE", r), 0);
+  EXPECT_EQ(r, h + 1);
+  ASSERT_EQ(NUVSysIConvTSWrap::Open("UTF-16LE", "X-HANDLE-TEST", again), 0);
+  EXPECT_EQ(again, h);
+  EXPECT_EQ(NUVSysIConvTSWrap::Open(nullptr, "X", again), E_FAIL);
+  EXPECT_EQ(NUVSysIConvTSWrap::GetIConvDesc(h), reinterpret_cast<iconv_t>(-1));  // iconv does not know it
+  EXPECT_EQ(NUVSysIConvTSWrap::GetIConvDesc(0x7FFFFFF0u), reinterpret_cast<iconv_t>(-1));
+}
+
+// Each thread converts with its own descriptors, at the same time.
+TEST(NUVSysCodePage, ThreadsConvertAtOnce) {
+  std::string bytes = readCorpus("cjk.euc-jp.txt");
+  bytes.resize(bytes.rfind('\n', 200000) + 1);  // whole lines only
+  if (bytes.empty()) GTEST_SKIP() << "corpus cjk.euc-jp.txt not found in " << SYSTEMTS_CORPORA_DIR;
+  NUVSysCodePage cp("EUC-JP");
+  const U16 want = iconvToUtf16("EUC-JP", bytes);
+  bool same[2] = {false, false};
+  std::thread a([&] { same[0] = ours(cp, bytes) == want; });
+  std::thread b([&] { same[1] = ours(cp, bytes) == want; });
+  a.join();
+  b.join();
+  EXPECT_TRUE(same[0]);
+  EXPECT_TRUE(same[1]);
+}
+
+TEST(NUVSysCodePage, EnvironmentConverterFollowsTheLanguage) {
+  const NUVSysCodePage& env = NUVSysCodePage::GetEnvConverter();
+  EXPECT_EQ(&env, &NUVSysCodePage::GetEnvConverter());
+  ASSERT_EQ(NLSCoreChangeLanguage("ja_JP.eucJP"), 0);
+  EXPECT_STREQ(env.GetCodePageName(), "EUC-JP");
+  unsigned short u[4];
+  int n = 0;
+  KELSysTSCodePage::ConvertStrToUcs("\xa4\xa2", 2, u, &n);
+  EXPECT_EQ(n, 1);
+  EXPECT_EQ(u[0], 0x3042);
+  ASSERT_EQ(NLSCoreChangeLanguage("C"), 0);
+  EXPECT_STREQ(env.GetCodePageName(), "UTF-8");
+}
+
+TEST(NUVSysIConvTSWrapDeathTest, AfterTeardownConvertersFallBackToIdentity) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        NUVSysCodePage latin1("ISO-8859-1");
+        NUVSysIConvTSWrap::sDeinitIConvTS(0);
+        IConvDesc_t h = 0;
+        const bool refused = NUVSysIConvTSWrap::Open("UTF-16LE", "ISO-8859-1", h) == E_FAIL;
+        unsigned short u[4];
+        const int n = latin1.ConvertMBCSToUTF16("\xE9", 1, u, nullptr);
+        std::exit(refused && n == 1 && u[0] == 0xE9 ? 3 : 1);
+      },
+      testing::ExitedWithCode(3), "");
+}
+
+}  // namespace
