@@ -101,7 +101,7 @@ TEST(NUVSysSemaphore, WaitsSurviveSignalHandlers) {
       SCOPED_TRACE(testing::Message() << "kind " << int(kind) << ", " << ms << " ms");
       const Sem s = make(1, 0, kind);
       std::atomic<pid_t> tid{0};
-      std::atomic<bool> signalled{false};
+      std::atomic<bool> signalled{false}, returned{false};
       int rc = -7;
       std::thread waiter([&] {
         tid = static_cast<pid_t>(syscall(SYS_gettid));
@@ -109,15 +109,18 @@ TEST(NUVSysSemaphore, WaitsSurviveSignalHandlers) {
         if (rc == 0) {
           EXPECT_TRUE(signalled.load());
         }
+        returned = true;
       });
-      ASSERT_TRUE(eventually([&] { return tid != 0 && asleep(tid); }));
       for (int i = 0; i < 3; ++i) {
         const int before = g_handled.load();
+        EXPECT_TRUE(eventually([&] { return returned || (tid != 0 && asleep(tid)); }));
+        if (returned) break;
         pthread_kill(waiter.native_handle(), SIGUSR1);
-        ASSERT_TRUE(eventually([&] { return g_handled.load() > before; }));
+        EXPECT_TRUE(eventually([&] { return g_handled.load() > before; }));
       }
       if (ms != 300) {
-        ASSERT_TRUE(eventually([&] { return asleep(tid); }));
+        EXPECT_TRUE(eventually([&] { return returned || asleep(tid); }));
+        EXPECT_FALSE(returned);  // still waiting after the handlers ran
         signalled = true;
         EXPECT_EQ(0, s->Signal());
       }
@@ -152,31 +155,32 @@ TEST(NUVSysSemaphore, ConcurrentSignalsNeverPassTheMaximum) {
   }
 }
 
-// Every unit given reaches exactly one waiter, whether the waiters sleep
-// without limit or keep timing out (and counting themselves out) meanwhile.
+// Every unit given reaches exactly one waiter: three waiters sleeping without
+// limit, or one whose 1 ms waits keep timing out while units come at sweeping
+// intervals, so that a time-out meets a hand-off now and then.
 TEST(NUVSysSemaphore, HandOffsUnderContention) {
-  constexpr int kWaiters = 3, kEach = 20000;
+  struct Case { int ms, waiters, each, pauseUs; };
   for (char kind : kKinds) {
-    for (int ms : {-1, 1}) {
-      SCOPED_TRACE(testing::Message() << "kind " << int(kind) << ", " << ms << " ms");
+    for (const Case c : {Case{-1, 3, 20000, 0}, Case{1, 1, 1500, 100}}) {
+      SCOPED_TRACE(testing::Message() << "kind " << int(kind) << ", " << c.ms << " ms");
       const Sem s = make(4, 0, kind);
       std::vector<std::thread> threads;
-      for (int w = 0; w < kWaiters; ++w) {
+      for (int w = 0; w < c.waiters; ++w) {
         threads.emplace_back([&] {
-          for (int got = 0; got < kEach;) {
-            const int rc = s->TimedWait(ms);
-            ASSERT_TRUE(rc == 0 || (rc == 1 && ms > 0)) << rc;
+          for (int got = 0; got < c.each;) {
+            const int rc = s->TimedWait(c.ms);
+            ASSERT_TRUE(rc == 0 || (rc == 1 && c.ms > 0)) << rc;
             got += rc == 0;
           }
         });
       }
-      for (int given = 0; given < kWaiters * kEach;) {
+      for (int given = 0; given < c.waiters * c.each;) {
         if (s->Signal() == 0) ++given;
-        else std::this_thread::yield();
+        if (c.pauseUs != 0) std::this_thread::sleep_for(std::chrono::microseconds(given % 13 * c.pauseUs));
       }
       for (auto& t : threads) t.join();
       EXPECT_EQ(0, count(s));
-      EXPECT_EQ(1, s->TimedWait(0));
+      EXPECT_EQ(1, s->TimedWait(20));  // no unit left over, in the count or in a wake-up
     }
   }
 }

@@ -15,6 +15,7 @@
 
 #include "KELResourceLock.h"
 #include "NUVSysNLSEnv.h"
+#include "NLSCore.h"
 
 namespace {
 
@@ -132,17 +133,17 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
     locale_t fresh = kNoLocale;
     if (category >= 0 && category <= 5) {
       const unsigned mask = 1u << category;
-      locale_t base = current == LC_GLOBAL_LOCALE ? newlocale(LC_ALL_MASK, NUVSysCLocaleEnvironGet(), kNoLocale)
-                                                  : duplocale(current);
-      if (base != kNoLocale) fresh = newlocale(static_cast<int>(mask), localeName, base);
+      locale_t base = current == LC_GLOBAL_LOCALE ? systemts::detail::NewLocale(LC_ALL_MASK, NUVSysCLocaleEnvironGet(), kNoLocale)
+                                                  : systemts::detail::DupLocale(current);
+      if (base != kNoLocale) fresh = systemts::detail::NewLocale(static_cast<int>(mask), localeName, base);
       if (fresh == kNoLocale) {
         err = errno;
-        if (base != kNoLocale) freelocale(base);
+        if (base != kNoLocale) systemts::detail::FreeLocale(base);
         LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] _get_changed_locale(locObj, %u, \"%s\") returned %s\n",
                    mask, localeName, errorName(err));
       }
     } else {
-      fresh = newlocale(LC_ALL_MASK, localeName, kNoLocale);
+      fresh = systemts::detail::NewLocale(LC_ALL_MASK, localeName, kNoLocale);
       if (fresh == kNoLocale) {
         err = errno;
         LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] newlocale(LC_ALL_MASK, \"%s\", (locale_t)0) returned %s\n",
@@ -161,7 +162,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
       err = errno;
       LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale(newLoc) returned %s\n", errorName(err));
       if (before != kNoLocale) uselocale(current);
-      freelocale(fresh);
+      systemts::detail::FreeLocale(fresh);
     }
   }
 
@@ -203,7 +204,7 @@ void NUVSysCLocale::ThreadLC::Reset() {
   if ((_flags & kToRestore) == 0) return;
   if ((_flags & kInstalled) != 0) {
     const locale_t replaced = uselocale(static_cast<locale_t>(_previous));
-    if (replaced != kNoLocale && replaced != LC_GLOBAL_LOCALE) freelocale(replaced);
+    if (replaced != kNoLocale && replaced != LC_GLOBAL_LOCALE) systemts::detail::FreeLocale(replaced);
   } else {
     if (_savedName != nullptr) setlocale(_category, _savedName);
     if ((_flags & kLockHeld) != 0) globalLock().WriteUnlock();

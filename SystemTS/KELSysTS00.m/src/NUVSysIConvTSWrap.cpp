@@ -10,6 +10,7 @@
 
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
+#include "NLSCore.h"
 
 namespace {
 
@@ -145,13 +146,13 @@ iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
     return kNoDescriptor;
   }
   t_nodes = node;
-  node->forward = iconv_open(to, from);
-  node->reverse = iconv_open(from, to);
+  node->forward = systemts::detail::IconvOpen(to, from);
+  node->reverse = systemts::detail::IconvOpen(from, to);
   iconv_t result = kNoDescriptor;
   if (node->forward == kNoDescriptor || node->reverse == kNoDescriptor) {
     // Remembered as invalid; a half-opened pair is closed at once.
-    if (node->forward != kNoDescriptor) iconv_close(node->forward);
-    if (node->reverse != kNoDescriptor) iconv_close(node->reverse);
+    if (node->forward != kNoDescriptor) systemts::detail::IconvClose(node->forward);
+    if (node->reverse != kNoDescriptor) systemts::detail::IconvClose(node->reverse);
     node->forward = node->reverse = kNoDescriptor;
     if (verbose()) {
       std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
@@ -177,8 +178,8 @@ void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
     while (g_nodes->PopLast(&value, 0) == 1) {
       auto* node = static_cast<Node*>(value);
       if (!node->invalid) {
-        if (node->forward != kNoDescriptor) iconv_close(node->forward);
-        if (node->reverse != kNoDescriptor) iconv_close(node->reverse);
+        if (node->forward != kNoDescriptor) systemts::detail::IconvClose(node->forward);
+        if (node->reverse != kNoDescriptor) systemts::detail::IconvClose(node->reverse);
       }
       delete node;
     }

@@ -18,6 +18,36 @@
 #include "NLSCore.h"
 
 namespace systemts::detail {
+
+namespace {
+std::mutex g_databaseMutex;
+}  // namespace
+
+locale_t NewLocale(int mask, const char* name, locale_t base) {
+  std::lock_guard<std::mutex> lock(g_databaseMutex);
+  return newlocale(mask, name, base);
+}
+
+locale_t DupLocale(locale_t l) {
+  std::lock_guard<std::mutex> lock(g_databaseMutex);
+  return duplocale(l);
+}
+
+void FreeLocale(locale_t l) {
+  std::lock_guard<std::mutex> lock(g_databaseMutex);
+  freelocale(l);
+}
+
+iconv_t IconvOpen(const char* to, const char* from) {
+  std::lock_guard<std::mutex> lock(g_databaseMutex);
+  return iconv_open(to, from);
+}
+
+void IconvClose(iconv_t cd) {
+  std::lock_guard<std::mutex> lock(g_databaseMutex);
+  iconv_close(cd);
+}
+
 namespace {
 
 struct CodePageName {
@@ -80,9 +110,9 @@ State& state() {
 }
 
 bool localeExists(const std::string& name) {
-  locale_t l = newlocale(LC_ALL_MASK, name.c_str(), static_cast<locale_t>(nullptr));
+  locale_t l = NewLocale(LC_ALL_MASK, name.c_str(), static_cast<locale_t>(nullptr));
   if (l == static_cast<locale_t>(nullptr)) return false;
-  freelocale(l);
+  FreeLocale(l);
   return true;
 }
 
@@ -107,10 +137,10 @@ void describe(State& s, const char* localeName) {
     codeset = name.substr(dot + 1, at == std::string::npos ? std::string::npos : at - dot - 1);
   }
   if (codeset.empty()) {
-    locale_t l = newlocale(LC_CTYPE_MASK, name.c_str(), static_cast<locale_t>(nullptr));
+    locale_t l = NewLocale(LC_CTYPE_MASK, name.c_str(), static_cast<locale_t>(nullptr));
     if (l != static_cast<locale_t>(nullptr)) {
       codeset = nl_langinfo_l(CODESET, l);
-      freelocale(l);
+      FreeLocale(l);
     }
   }
   copyName(s.env.codePage, codeset.empty() ? std::string("UTF-8") : NormalizeCodePageName(codeset));
