@@ -41,7 +41,7 @@ U16 iconvToUtf16(const char* page, const std::string& bytes) {
 }
 
 U16 ours(const NUVSysCodePage& cp, const std::string& bytes) {
-  U16 out(bytes.size() + 1);
+  U16 out(bytes.size() + 2);  // the documented bound of the one-shot form
   int n = -1;
   EXPECT_EQ(cp.ConvertMBCSToUTF16(bytes.data(), static_cast<int>(bytes.size()), out.data(), &n), n);
   out.resize(static_cast<size_t>(n));
@@ -115,6 +115,9 @@ TEST(NUVSysCodePage, Utf8AndIdentityConverters) {
   NUVSysCodePage utf8("UTF-8");
   EXPECT_TRUE(utf8.IsValid());
   EXPECT_EQ(ours(utf8, "\xC3\xA9"), U16{0x00E9});
+  // A four-byte lead cut off by the end still gives a pair: one unit more
+  // than there are bytes, which is why the one-shot buffer needs srcLen + 2.
+  EXPECT_EQ(ours(utf8, "a\xF4"), (U16{0x61, 0xDBC0, 0xDC00}));
   for (const char* bad : {"N/A", "NO-SUCH-CODESET-42"}) {
     testing::internal::CaptureStderr();
     NUVSysCodePage id(bad);

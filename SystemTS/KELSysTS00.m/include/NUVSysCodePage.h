@@ -25,10 +25,12 @@
 // Buffers: a bounded MBCS-to-UTF-16 call with capacity c may write c + 1
 // units (a terminating 0 follows the UTF-8 and identity results), except
 // that on a UTF-8 converter a capacity of 1 converts everything left (the
-// bounded UTF-8 transform's rule below 2): give it srcLen + 1 units. The
-// one-shot form writes up to srcLen + 1 units; UTF-16 to MBCS writes up to
-// 4 * n + 1 bytes (NUVGetMultiByteCharMaxSize() * n + 1 suffices for the
-// process code page). Through iconv the MBCS-to-UTF-16 result is not
+// bounded UTF-8 transform's rule below 2): give it srcLen + 2 units. The
+// one-shot form writes up to srcLen + 2 units: on a UTF-8 converter a
+// four-byte lead cut off by the end of the text still decodes to a pair,
+// two units from one byte, before the terminating 0. UTF-16 to MBCS writes
+// up to 4 * n + 1 bytes (NUVGetMultiByteCharMaxSize() * n + 1 suffices for
+// the process code page). Through iconv the MBCS-to-UTF-16 result is not
 // terminated.
 //
 // Threads: a converter may be used from any number of threads at once;

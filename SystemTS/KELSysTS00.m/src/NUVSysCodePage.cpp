@@ -12,8 +12,10 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "KELMutex.h"
+#include "NLSCore.h"
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "UTFCore.h"
@@ -185,11 +187,46 @@ int NUVSysCodePage::ConvertUTF16ToMBCS(const unsigned short* src, int n, char* d
 
 // ---- iconv methods ----
 
+namespace {
+
+// The character-type locale of one name, made once per thread: the recovery
+// after a refused character measures that character under it, and making a
+// locale object for every refused character would cost far more than the
+// conversion itself.
+struct CtypeLocale {
+  std::string name;
+  locale_t locale = static_cast<locale_t>(nullptr);
+  ~CtypeLocale() {
+    if (locale != static_cast<locale_t>(nullptr)) FreeLocale(locale);
+  }
+};
+thread_local CtypeLocale t_ctype;
+
+locale_t ctypeLocale(const char* name) {
+  if (t_ctype.locale != static_cast<locale_t>(nullptr) && t_ctype.name == name) return t_ctype.locale;
+  const locale_t l = NewLocale(LC_CTYPE_MASK, name, static_cast<locale_t>(nullptr));
+  if (l == static_cast<locale_t>(nullptr)) return l;
+  if (t_ctype.locale != static_cast<locale_t>(nullptr)) FreeLocale(t_ctype.locale);
+  t_ctype.locale = l;
+  t_ctype.name = name;
+  return l;
+}
+
+}  // namespace
+
 size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t max, mbstate_t* state) {
   if (localeName == nullptr) return 1;
-  int rc = 0;
-  NUVSysCLocale::ThreadLC lc(LC_CTYPE, localeName, &rc);
-  const size_t n = std::mbrlen(s, max, state);
+  size_t n;
+  if (const locale_t l = ctypeLocale(localeName); l != static_cast<locale_t>(nullptr)) {
+    const locale_t previous = uselocale(l);
+    n = std::mbrlen(s, max, state);
+    uselocale(previous);
+  } else {
+    // Not a name newlocale takes: the per-thread switch and its fallback.
+    int rc = 0;
+    NUVSysCLocale::ThreadLC lc(LC_CTYPE, localeName, &rc);
+    n = std::mbrlen(s, max, state);
+  }
   return n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2) ? 1 : n;
 }
 
