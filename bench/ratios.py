@@ -183,6 +183,19 @@ def base64_section(results):
 KNOWN_FAMILIES = {"utf8to16", "utf16to8", "hashv3", "base64_encode", "base64_decode"}
 
 
+def split_case(name):
+    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time]": Google
+    Benchmark appends a benchmark's arguments after its name, so trailing
+    numeric parts belong to the case ("queue/ours/2" is case "queue/2")."""
+    real = name.endswith("/real_time")
+    parts = (name[: -len("/real_time")] if real else name).split("/")
+    args = []
+    while len(parts) > 2 and parts[-1].lstrip("-").isdigit():
+        args.insert(0, parts.pop())
+    case, impl = "/".join(parts[:-1] + args), parts[-1]
+    return case, impl, real
+
+
 def timed_sections(results):
     """Every other "<case>/<impl>" group that has an "ours" member: the peers'
     time over ours (above 1 means ours is faster). CPU time, or wall-clock
@@ -190,9 +203,7 @@ def timed_sections(results):
     Each member of a group must do the same work per iteration."""
     groups = {}
     for name, res in results.items():
-        real = name.endswith("/real_time")
-        base = name[: -len("/real_time")] if real else name
-        case, _, impl = base.rpartition("/")
+        case, impl, real = split_case(name)
         if not case or case.split("/")[0] in KNOWN_FAMILIES:
             continue
         groups.setdefault(case, {})[impl] = res.real_ns if real else res.cpu_ns
@@ -230,10 +241,9 @@ def main(argv=None):
     ]
     print("\n\n".join(s for s in sections if s))
 
-    strip = lambda n: n[: -len("/real_time")] if n.endswith("/real_time") else n
-    with_ours = {strip(n).rpartition("/")[0] for n in results if strip(n).endswith("/ours")}
+    with_ours = {split_case(n)[0] for n in results if split_case(n)[1] == "ours"}
     unknown = sorted(n for n in results if n.split("/")[0] not in KNOWN_FAMILIES
-                     and strip(n).rpartition("/")[0] not in with_ours)
+                     and split_case(n)[0] not in with_ours)
     if unknown:
         print("\nNot tabulated: " + ", ".join(unknown))
     return 0
