@@ -58,8 +58,11 @@ class SYSTEMTS_API KELUnicodeString {
 
   // The empty string.
   KELUnicodeString() noexcept;
-  // Shares `other`'s text (one atomic increment).
-  KELUnicodeString(const KELUnicodeString& other) noexcept;
+  // Shares `other`'s text (one atomic increment). Inline, like the
+  // destructor, so that a copy costs no call.
+  KELUnicodeString(const KELUnicodeString& other) noexcept : _text(other._text) {
+    if (_text != nullptr) KELInterUnicodeString::FromText(_text)->AddRef();
+  }
   // Takes `other`'s text; `other` is left empty.
   KELUnicodeString(KELUnicodeString&& other) noexcept;
   // Text in the process code page, NUL-terminated (null: empty), kept in the
@@ -67,7 +70,9 @@ class SYSTEMTS_API KELUnicodeString {
   explicit KELUnicodeString(const char* text);
   // UTF-16 text, taken as it is.
   explicit KELUnicodeString(std::u16string_view text);
-  ~KELUnicodeString();
+  ~KELUnicodeString() {
+    if (_text != nullptr) KELInterUnicodeString::FromText(_text)->Release();
+  }
 
   KELUnicodeString& operator=(const KELUnicodeString& other) noexcept;
   KELUnicodeString& operator=(KELUnicodeString&& other) noexcept;

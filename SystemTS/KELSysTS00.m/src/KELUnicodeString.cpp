@@ -131,10 +131,6 @@ bool isWhiteSpace(char16_t u) {
 
 KELUnicodeString::KELUnicodeString() noexcept : _text(emptyRep()->GetText()) {}
 
-KELUnicodeString::KELUnicodeString(const KELUnicodeString& other) noexcept : _text(other._text) {
-  if (Rep* r = rep()) r->AddRef();
-}
-
 KELUnicodeString::KELUnicodeString(KELUnicodeString&& other) noexcept : _text(other._text) {
   if (other._text != nullptr) other._text = emptyRep()->GetText();
 }
@@ -143,10 +139,6 @@ KELUnicodeString::KELUnicodeString(const char* text) : KELUnicodeString() { *thi
 
 KELUnicodeString::KELUnicodeString(std::u16string_view text) : KELUnicodeString() {
   assignUnits(text.data(), text.size());
-}
-
-KELUnicodeString::~KELUnicodeString() {
-  if (Rep* r = rep()) r->Release();
 }
 
 void KELUnicodeString::reset(Rep* fresh) {
@@ -270,7 +262,7 @@ int KELUnicodeString::BuildFromCodePoint(unsigned codePoint, unsigned long count
 namespace {
 template <typename T>
 int buildNumber(KELUnicodeString& s, T value) {
-  char buf[64];
+  char buf[64] = {};
   const std::to_chars_result res = std::to_chars(buf, buf + sizeof buf, value);
   char16_t units[64];
   const size_t n = static_cast<size_t>(res.ptr - buf);
