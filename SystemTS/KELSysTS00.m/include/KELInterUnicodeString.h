@@ -176,9 +176,9 @@ class SYSTEMTS_API KELInterUnicodeString {
  private:
   friend struct systemts::detail::RepAccess;
 
-  KELInterUnicodeString* changeForm(int n, bool keep, bool toUCS);
-  KELInterUnicodeString* cow(int n, bool keep, bool grow);
-  void markChanged();
+  SYSTEMTS_HIDDEN KELInterUnicodeString* changeForm(int n, bool keep, bool toUCS);
+  SYSTEMTS_HIDDEN KELInterUnicodeString* cow(int n, bool keep, bool grow);
+  SYSTEMTS_HIDDEN void markChanged();
 
   // Header, in this order and these widths (the text follows at offset 32).
   std::atomic<void*> _secondView;     // the other form, terminated, or null; owned

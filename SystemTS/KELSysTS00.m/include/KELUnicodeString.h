@@ -210,13 +210,13 @@ class SYSTEMTS_API KELUnicodeString {
   KELInterUnicodeString* rep() const { return _GetRepresentation(); }
   // Points the handle at `fresh` (whose reference it takes) and releases the
   // old text.
-  void reset(KELInterUnicodeString* fresh);
-  void assignUnits(const char16_t* units, size_t n);
+  SYSTEMTS_HIDDEN void reset(KELInterUnicodeString* fresh);
+  SYSTEMTS_HIDDEN void assignUnits(const char16_t* units, size_t n);
   // Replaces units [start, start + len) of the UTF-16 text by n units from
   // `units`; `source` (may be null) is the block `units` lives in, kept alive
   // for the duration.
-  void replaceRange(size_t start, size_t len, const char16_t* units, size_t n,
-                    KELInterUnicodeString* source);
+  SYSTEMTS_HIDDEN void replaceRange(size_t start, size_t len, const char16_t* units, size_t n,
+                                    KELInterUnicodeString* source);
 
   void* _text;  // the text inside the representation
 };

@@ -48,6 +48,55 @@ size_t clampLen(int n, size_t start, size_t len) {
   return n < 0 ? len - start : std::min(static_cast<size_t>(n), len - start);
 }
 
+// A growable UTF-16 buffer for results built piece by piece. Kept here
+// rather than std::u16string so that no out-of-line template of the standard
+// library is instantiated into, and exported from, the shared object. A
+// failed allocation marks the buffer failed; its text is then dropped.
+class Units {
+ public:
+  Units() = default;
+  Units(const Units&) = delete;
+  Units& operator=(const Units&) = delete;
+  ~Units() { std::free(data_); }
+
+  void push(char16_t u) {
+    if (size_ == capacity_ && !reserve(size_ + 1)) return;
+    data_[size_++] = u;
+  }
+  void append(std::u16string_view s) {
+    if (s.empty() || !reserve(size_ + s.size())) return;
+    std::memcpy(data_ + size_, s.data(), 2 * s.size());
+    size_ += s.size();
+  }
+  void fill(size_t n, char16_t u) {
+    if (!reserve(size_ + n)) return;
+    std::fill(data_ + size_, data_ + size_ + n, u);
+    size_ += n;
+  }
+  std::u16string_view view() const { return failed_ ? std::u16string_view() : std::u16string_view(data_, size_); }
+
+ private:
+  bool reserve(size_t need) {
+    if (failed_) return false;
+    if (need <= capacity_) return true;
+    const size_t cap = std::max({need, 2 * capacity_, size_t{16}});
+    auto* grown = static_cast<char16_t*>(std::realloc(data_, 2 * cap));
+    if (grown == nullptr || need > static_cast<size_t>(kMaxUnits)) {
+      if (grown != nullptr) data_ = grown;
+      failed_ = true;
+      return false;
+    }
+    data_ = grown;
+    capacity_ = cap;
+    return true;
+  }
+
+  char16_t* data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+  bool failed_ = false;
+};
+
 // ---- case mapping ----
 
 struct CaseRun {
@@ -91,25 +140,25 @@ uint32_t nextCodePoint(std::u16string_view s, size_t& i) {
   return u;
 }
 
-void putCodePoint(std::u16string& out, uint32_t cp) {
+void putCodePoint(Units& out, uint32_t cp) {
   if (cp > 0xFFFF) {
-    out += static_cast<char16_t>(0xD7C0u + (cp >> 10));
-    out += static_cast<char16_t>(0xDC00u + (cp & 0x3FFu));
+    out.push(static_cast<char16_t>(0xD7C0u + (cp >> 10)));
+    out.push(static_cast<char16_t>(0xDC00u + (cp & 0x3FFu)));
   } else {
-    out += static_cast<char16_t>(cp);
+    out.push(static_cast<char16_t>(cp));
   }
 }
 
 // The text with `map` applied to every code point, or false when nothing
 // changes (so an unchanged string keeps sharing its block).
 template <typename Map>
-bool mapText(std::u16string_view s, Map map, std::u16string& out) {
+bool mapText(std::u16string_view s, Map map, Units& out) {
   size_t i = 0;
   while (i < s.size()) {
     const size_t at = i;
     const uint32_t cp = nextCodePoint(s, i);
     if (map(cp) != cp) {
-      out.assign(s.substr(0, at));
+      out.append(s.substr(0, at));
       i = at;
       while (i < s.size()) putCodePoint(out, map(nextCodePoint(s, i)));
       return true;
@@ -260,30 +309,46 @@ int KELUnicodeString::BuildFromCodePoint(unsigned codePoint, unsigned long count
 }
 
 namespace {
-template <typename T>
-int buildNumber(KELUnicodeString& s, T value) {
-  char buf[64] = {};
-  const std::to_chars_result res = std::to_chars(buf, buf + sizeof buf, value);
-  char16_t units[64];
-  const size_t n = static_cast<size_t>(res.ptr - buf);
-  for (size_t i = 0; i < n; ++i) units[i] = static_cast<char16_t>(buf[i]);
-  s = std::u16string_view(units, n);
+// Decimal digits, written backwards from the end of a 24-unit buffer (enough
+// for 2^64 and a sign). Written by hand: std::to_chars for integers would put
+// its digit table among the library's exported symbols.
+int buildInteger(KELUnicodeString& s, bool negative, unsigned long long magnitude) {
+  char16_t units[24];
+  char16_t* p = units + sizeof units / sizeof units[0];
+  do {
+    *--p = static_cast<char16_t>(u'0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (negative) *--p = u'-';
+  s = std::u16string_view(p, static_cast<size_t>(units + 24 - p));
   return 0;
+}
+int buildSigned(KELUnicodeString& s, long long v) {
+  // The magnitude in unsigned arithmetic, so that the smallest value works.
+  const unsigned long long m = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+  return buildInteger(s, v < 0, m);
 }
 }  // namespace
 
-int KELUnicodeString::BuildFromNum(int value) { return buildNumber(*this, value); }
-int KELUnicodeString::BuildFromNum(unsigned value) { return buildNumber(*this, value); }
-int KELUnicodeString::BuildFromNum(long value) { return buildNumber(*this, value); }
-int KELUnicodeString::BuildFromNum(unsigned long value) { return buildNumber(*this, value); }
-int KELUnicodeString::BuildFromNum(long long value) { return buildNumber(*this, value); }
-int KELUnicodeString::BuildFromNum(unsigned long long value) { return buildNumber(*this, value); }
+int KELUnicodeString::BuildFromNum(int value) { return buildSigned(*this, value); }
+int KELUnicodeString::BuildFromNum(unsigned value) { return buildInteger(*this, false, value); }
+int KELUnicodeString::BuildFromNum(long value) { return buildSigned(*this, value); }
+int KELUnicodeString::BuildFromNum(unsigned long value) { return buildInteger(*this, false, value); }
+int KELUnicodeString::BuildFromNum(long long value) { return buildSigned(*this, value); }
+int KELUnicodeString::BuildFromNum(unsigned long long value) { return buildInteger(*this, false, value); }
 int KELUnicodeString::BuildFromNum(double value) {
   if (std::isnan(value)) {  // one spelling, whatever the sign bit and payload
     *this = u"nan";
     return 0;
   }
-  return buildNumber(*this, value);  // shortest round trip; "inf", "-inf"
+  // The shortest text that reads back to the same value; "inf", "-inf".
+  char buf[64] = {};
+  const std::to_chars_result res = std::to_chars(buf, buf + sizeof buf, value);
+  char16_t units[64];
+  const size_t n = static_cast<size_t>(res.ptr - buf);
+  for (size_t i = 0; i < n; ++i) units[i] = static_cast<char16_t>(buf[i]);
+  *this = std::u16string_view(units, n);
+  return 0;
 }
 
 KELUnicodeString KELUnicodeString::FromUTF8(std::string_view utf8) {
@@ -580,18 +645,19 @@ int KELUnicodeString::ReplaceSubString(const KELUnicodeString& what, const KELUn
   const std::u16string_view w = unitsOf(what.rep());
   if (w.empty() || maxCount == 0) return 0;
   const std::u16string_view by = unitsOf(with.rep());
-  std::u16string out;
+  Units out;
   int count = 0;
   size_t from = 0;
   for (size_t at = s.find(w); at != std::u16string_view::npos && (maxCount < 0 || count < maxCount);
        at = s.find(w, from)) {
-    out.append(s.substr(from, at - from)).append(by);
+    out.append(s.substr(from, at - from));
+    out.append(by);
     from = at + w.size();
     ++count;
   }
   if (count == 0) return 0;
   out.append(s.substr(from));
-  assignUnits(out.data(), out.size());
+  assignUnits(out.view().data(), out.view().size());
   return count;
 }
 
@@ -627,8 +693,13 @@ KELUnicodeString& KELUnicodeString::Resize(int n, char16_t fill) {
       reset(emptyRep());
       return *this;
     }
-    const std::u16string pad(want - size, fill);
-    replaceRange(size, 0, pad.data(), pad.size(), nullptr);
+    Units pad;
+    pad.fill(want - size, fill);
+    if (pad.view().size() != want - size) {
+      reset(emptyRep());
+      return *this;
+    }
+    replaceRange(size, 0, pad.view().data(), want - size, nullptr);
   }
   return *this;
 }
@@ -649,14 +720,14 @@ KELUnicodeString& KELUnicodeString::Strip(StripMode mode) {
 }
 
 KELUnicodeString& KELUnicodeString::ToUpper() {
-  std::u16string out;
-  if (rep() != nullptr && mapText(unitsOf(rep()), toUpper, out)) assignUnits(out.data(), out.size());
+  Units out;
+  if (rep() != nullptr && mapText(unitsOf(rep()), toUpper, out)) assignUnits(out.view().data(), out.view().size());
   return *this;
 }
 
 KELUnicodeString& KELUnicodeString::ToLower() {
-  std::u16string out;
-  if (rep() != nullptr && mapText(unitsOf(rep()), toLower, out)) assignUnits(out.data(), out.size());
+  Units out;
+  if (rep() != nullptr && mapText(unitsOf(rep()), toLower, out)) assignUnits(out.view().data(), out.view().size());
   return *this;
 }
 
