@@ -107,10 +107,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           if (u == u'\u00C9') u = u'\u00E9';
           if (u == u'\u03A3') u = u'\u03C3';
         }
-        // Deseret capitals U+10400..U+10427 (a pair D801 DC00..DC27) lower by 0x28.
+        // Reachable capitals beyond the BMP, all lowering by 0x28: Deseret
+        // U+10400..U+10427 and Osage U+104B0..U+104D3 (pairs D801 DC00..DC27
+        // and D801 DCB0..DCD3).
         for (size_t k = 0; k + 1 < mod.size(); ++k) {
-          if (mod[k] < 0xD800 || mod[k] > 0xDBFF || mod[k + 1] < 0xDC00 || mod[k + 1] > 0xDFFF) continue;
-          if (mod[k] == 0xD801 && mod[k + 1] <= 0xDC27) mod[k + 1] = static_cast<char16_t>(mod[k + 1] + 0x28);
+          const char16_t hi = mod[k], lo = mod[k + 1];
+          if (hi < 0xD800 || hi > 0xDBFF || lo < 0xDC00 || lo > 0xDFFF) continue;
+          if (hi == 0xD801 && (lo <= 0xDC27 || (lo >= 0xDCB0 && lo <= 0xDCD3)))
+            mod[k + 1] = static_cast<char16_t>(lo + 0x28);
           ++k;
         }
         break;
