@@ -16,6 +16,11 @@
 #define SYSTEMTS_API
 #endif
 
+// Marks a member of an exported class that stays private to the library
+// (helpers the class's own code calls), so that it is not exported with the
+// class.
+#define SYSTEMTS_HIDDEN __attribute__((visibility("hidden")))
+
 // Result codes. Guarded so that a caller that already has the usual
 // definitions (same values) can include both.
 #ifndef S_OK
