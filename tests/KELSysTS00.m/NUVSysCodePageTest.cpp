@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 #include <iconv.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -171,6 +174,166 @@ TEST(NUVSysCodePage, NextCharacter) {
   EXPECT_EQ(utf8.GetNextMultiByteCharAsUTF16(cut, u), 2);
 }
 
+// ---- single-byte code pages: the converter against iconv driven by the
+// converter's own loops (the reference), on every byte and every unit ----
+
+// Where two sequences first differ, with both values.
+template <typename V>
+testing::AssertionResult Same(const V& want, const V& got) {
+  const size_t n = std::min(want.size(), got.size());
+  for (size_t i = 0; i < n; ++i) {
+    if (want[i] != got[i]) {
+      return testing::AssertionFailure() << "at " << i << ": want 0x" << std::hex << +want[i] << ", got 0x"
+                                         << +got[i];
+    }
+  }
+  if (want.size() != got.size()) return testing::AssertionFailure() << "length " << want.size() << " vs " << got.size();
+  return testing::AssertionSuccess();
+}
+
+// One call of the MBCS-to-UTF-16 loop on raw iconv: `cap` units at most (-1:
+// one shot), a refused byte skipped (one byte in the "C" locale) and replaced
+// by 0x3F00 while room is left, E2BIG ending the call. Advances p and left.
+U16 refTo16(iconv_t cd, const char*& p, size_t& left, int cap) {
+  const size_t room = cap >= 1 ? static_cast<size_t>(cap) : left;
+  U16 out(room + 1);  // never empty: iconv wants a real output pointer
+  char* in = const_cast<char*>(p);
+  char* o = reinterpret_cast<char*>(out.data());
+  size_t oLeft = 2 * room;
+  while (iconv(cd, &in, &left, &o, &oLeft) == static_cast<size_t>(-1) && left > 0 && errno != E2BIG) {
+    ++in;
+    --left;
+    if (oLeft < 2) break;
+    *o++ = 0x00;
+    *o++ = 0x3F;
+    oLeft -= 2;
+  }
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  p = in;
+  out.resize(room - oLeft / 2);
+  return out;
+}
+
+// The UTF-16-to-MBCS loop on raw iconv: '?' for a unit iconv refuses.
+std::string refFrom16(iconv_t cd, const U16& units) {
+  std::string out(4 * units.size(), '\0');
+  char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(units.data()));
+  size_t left = 2 * units.size();
+  char* o = &out[0];
+  size_t oLeft = out.size();
+  while (left > 0 && iconv(cd, &in, &left, &o, &oLeft) == static_cast<size_t>(-1) && left > 0 && oLeft > 0) {
+    *o++ = '?';
+    --oLeft;
+    in += 2;
+    left -= 2;
+  }
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  out.resize(out.size() - oLeft);
+  return out;
+}
+
+std::string oursFrom16(const NUVSysCodePage& cp, const U16& units) {
+  std::string out(4 * units.size() + 1, '\x55');
+  int n = -1;
+  EXPECT_EQ(cp.ConvertUTF16ToMBCS(units.data(), static_cast<int>(units.size()), &out[0], &n), n);
+  EXPECT_EQ(out[static_cast<size_t>(n)], '\0');
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+// Texts that reach every table entry and every path around it: all bytes or
+// all units in order, and random mixes (fixed seed) with refused bytes, NULs,
+// surrogate pairs, lone surrogates and a high surrogate at the very end.
+std::vector<std::string> byteTexts() {
+  std::string all(256, '\0'), noise(5000, '\0');
+  for (size_t i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
+  std::mt19937 rng(42);
+  for (char& c : noise) c = static_cast<char>(rng() % 4 ? rng() % 0x80 : 0x80 + rng() % 0x80);
+  return {all, noise, noise.substr(0, 37)};
+}
+
+std::vector<U16> unitTexts() {
+  U16 all(65536), noise(5000);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<unsigned short>(i);
+  std::mt19937 rng(7);
+  for (auto& u : noise) {
+    const unsigned r = rng() % 10;
+    u = static_cast<unsigned short>(r < 5 ? rng() % 0x100 : r < 7 ? rng() % 0x10000 : r < 9 ? 0xD800 + rng() % 0x800 : 0);
+  }
+  for (size_t i = 100; i + 1 < noise.size(); i += 97) {  // well-formed pairs too
+    noise[i] = 0xD83D;
+    noise[i + 1] = 0xDE00;
+  }
+  noise.back() = 0xD83D;
+  return {all, noise, U16(noise.begin(), noise.begin() + 41)};
+}
+
+TEST(NUVSysCodePage, SingleBytePagesGiveExactlyWhatIconvGives) {
+  // CP1255 composes characters in glibc: it must keep going through iconv,
+  // dropping of a held-back last letter included.
+  for (const char* page : {"ISO-8859-1", "CP1252", "KOI8-R", "ISO-8859-3", "CP1255"}) {
+    SCOPED_TRACE(page);
+    NUVSysCodePage cp(page);
+    iconv_t to16 = iconv_open("UTF-16LE", page), from16 = iconv_open(page, "UTF-16LE");
+    ASSERT_NE(to16, reinterpret_cast<iconv_t>(-1));
+    ASSERT_TRUE(cp.IsValid());
+    for (const std::string& text : byteTexts()) {
+      SCOPED_TRACE(text.size());
+      const char* p = text.data();
+      size_t left = text.size();
+      EXPECT_TRUE(Same(refTo16(to16, p, left, -1), ours(cp, text)));
+      // Resumable in chunks: every call consumes and writes what the
+      // reference does, refused bytes at the edge of the room included; the
+      // larger rooms end inside a run of sixteen.
+      for (int cap : {1, 2, 3, 4, 5, 16, 17, 35}) {
+        const char *rp = text.data(), *op = text.data();
+        size_t rLeft = text.size(), oLeft = text.size();
+        while (oLeft > 0) {
+          U16 got(static_cast<size_t>(cap) + 1);
+          got.resize(cp.ConvertMBCSToUTF16(op, oLeft, got.data(), static_cast<size_t>(cap)));
+          ASSERT_TRUE(Same(refTo16(to16, rp, rLeft, cap), got)) << "cap " << cap << " at " << text.size() - rLeft;
+          ASSERT_EQ(rLeft, oLeft);
+        }
+        EXPECT_EQ(op, nullptr);
+      }
+    }
+    for (const U16& units : unitTexts()) {
+      SCOPED_TRACE(units.size());
+      EXPECT_TRUE(Same(refFrom16(from16, units), oursFrom16(cp, units)));
+    }
+    // Each unit alone: a lone surrogate, at the end of its text, gives '?'.
+    for (unsigned u = 0; u < 0x10000; ++u) {
+      const U16 one{static_cast<unsigned short>(u)};
+      if (refFrom16(from16, one) != oursFrom16(cp, one)) ADD_FAILURE() << "unit 0x" << std::hex << u;
+    }
+    iconv_close(to16);
+    iconv_close(from16);
+  }
+}
+
+// The first conversions of a code page on two threads at once: each may make
+// the tables, one set wins, both convert right.
+TEST(NUVSysCodePage, SingleByteTablesMadeOnTwoThreadsAtOnce) {
+  NUVSysCodePage cp("KOI8-U");
+  std::string all(256, '\0');
+  for (size_t i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
+  iconv_t to16 = iconv_open("UTF-16LE", "KOI8-U");
+  const char* p = all.data();
+  size_t left = all.size();
+  const U16 want = refTo16(to16, p, left, -1);
+  iconv_close(to16);
+  bool same[2] = {false, false};
+  auto work = [&](int t) {
+    const U16 units = ours(cp, all);
+    same[t] = units == want && oursFrom16(cp, units) == all;
+  };
+  std::thread a(work, 0), b(work, 1);
+  a.join();
+  b.join();
+  EXPECT_TRUE(same[0]);
+  EXPECT_TRUE(same[1]);
+}
+
 TEST(NUVSysIConvTSWrap, HandlesNameBothDirections) {
   IConvDesc_t h = 1, r = 0, again = 0;
   ASSERT_EQ(NUVSysIConvTSWrap::Open("UTF-16LE", "X-HANDLE-TEST", h), 0);
@@ -219,12 +382,21 @@ TEST(NUVSysIConvTSWrapDeathTest, AfterTeardownConvertersFallBackToIdentity) {
   EXPECT_EXIT(
       {
         NUVSysCodePage latin1("ISO-8859-1");
+        NUVSysCodePage cp1252("CP1252");
+        // Convert first, so that the single-byte tables exist: they must not
+        // outlive the descriptors they stand for.
+        unsigned short u[4];
+        char b[4];
+        const unsigned short euro = 0x20AC;
+        const bool before = cp1252.ConvertMBCSToUTF16("\x80", 1, u, nullptr) == 1 && u[0] == 0x20AC &&
+                            cp1252.ConvertUTF16ToMBCS(&euro, 1, b, nullptr) == 1 && b[0] == '\x80';
         NUVSysIConvTSWrap::sDeinitIConvTS(0);
         IConvDesc_t h = 0;
         const bool refused = NUVSysIConvTSWrap::Open("UTF-16LE", "ISO-8859-1", h) == E_FAIL;
-        unsigned short u[4];
         const int n = latin1.ConvertMBCSToUTF16("\xE9", 1, u, nullptr);
-        std::exit(refused && n == 1 && u[0] == 0xE9 ? 3 : 1);
+        const bool identity = n == 1 && u[0] == 0xE9 && cp1252.ConvertMBCSToUTF16("\x80", 1, u, nullptr) == 1 &&
+                              u[0] == 0x80 && cp1252.ConvertUTF16ToMBCS(&euro, 1, b, nullptr) == 1 && b[0] == '\xAC';
+        std::exit(before && refused && identity ? 3 : 1);
       },
       testing::ExitedWithCode(3), "");
 }

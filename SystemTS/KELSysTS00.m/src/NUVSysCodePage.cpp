@@ -18,6 +18,7 @@
 #include "NLSCore.h"
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
+#include "SingleByteTables.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -233,6 +234,9 @@ size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t m
 int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
   iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_toUcs);
   if (cd == kNoDescriptor) return _CPtoUC2ByIdentity(src, srcLen, dst, dstCap);
+  // A single-byte code page converts through its table, which stops where
+  // iconv would and for the same reason; the recovery below is shared.
+  const ByteDecoder* table = byteDecoder(_toUcs, cd);
   char* in = const_cast<char*>(src);
   size_t inLeft = static_cast<size_t>(srcLen);
   char* const out0 = reinterpret_cast<char*>(dst);
@@ -241,8 +245,15 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
   std::mbstate_t state{};
   size_t maxChar = 0;
   for (;;) {
-    if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
-    const int e = errno;
+    int e;
+    if (table != nullptr) {
+      const RunEnd end = decodeRun(*table, in, inLeft, out, outLeft);
+      if (end == RunEnd::Input) break;
+      e = end == RunEnd::Refused ? EILSEQ : E2BIG;
+    } else {
+      if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
+      e = errno;
+    }
     if (e == E2BIG) {
       if (dstCap == 0) {
         std::fprintf(stderr, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
@@ -287,6 +298,21 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
 int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* dstLen) const {
   iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_fromUcs);
   if (cd == kNoDescriptor) return _UC2toCPByIdentity(src, n, dst, dstLen);
+  const ByteEncoder* table = nullptr;
+  if (byteEncoderDecided(_fromUcs)) {
+    table = byteEncoder(_fromUcs, cd, nullptr);
+  } else {
+    // First use: whether the code page qualifies is the decoder's to say.
+    const iconv_t toCd = NUVSysIConvTSWrap::GetIConvDesc(_toUcs);
+    table = byteEncoder(_fromUcs, cd, toCd != kNoDescriptor ? byteDecoder(_toUcs, toCd) : nullptr);
+  }
+  if (table != nullptr) {
+    const int bytes = static_cast<int>(encodeUnits(*table, cd, src, static_cast<size_t>(n), dst));
+    dst[bytes] = '\0';
+    if (dstLen != nullptr) *dstLen = bytes;
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    return bytes;
+  }
   char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
   size_t inLeft = 2 * static_cast<size_t>(n);
   char* out = dst;

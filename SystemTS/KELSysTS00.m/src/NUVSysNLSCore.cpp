@@ -5,6 +5,7 @@
 #include <locale.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdarg>
 #include <cstdlib>
@@ -99,6 +100,10 @@ bool familyName(const std::string& key, std::string& name) {
 struct State {
   std::mutex mutex;
   bool detected = false;
+  // MultiByteCharMaxSize of env.codePage, 0 until detected: read without
+  // the mutex, since the code-page converter asks for it on every
+  // conversion that meets a character iconv refuses.
+  std::atomic<int> maxBytes{0};
   NUVSysNLSEnv env{};
   std::string cLocale;  // a name newlocale accepts for this environment
   std::vector<void (*)(const NUVSysNLSEnv&)> callbacks;
@@ -120,8 +125,15 @@ void copyName(char (&dst)[64], const std::string& src) {
   std::snprintf(dst, sizeof dst, "%s", src.c_str());
 }
 
+void fill(State& s, const char* localeName);
+
 // Fills the state from one locale name (null or empty: the C locale).
 void describe(State& s, const char* localeName) {
+  fill(s, localeName);
+  s.maxBytes.store(MultiByteCharMaxSize(s.env.codePage), std::memory_order_release);
+}
+
+void fill(State& s, const char* localeName) {
   const std::string name = localeName != nullptr ? localeName : "";
   if (name.empty() || name == "C" || name == "POSIX") {
     copyName(s.env.codePage, "UTF-8");
@@ -233,9 +245,11 @@ int NLSCoreChangeLanguage(const char* localeName) {
 }
 
 int NUVGetMultiByteCharMaxSize() {
-  NUVSysNLSEnv env;
-  GetEnvNLSData(env);
-  return MultiByteCharMaxSize(env.codePage);
+  State& s = state();
+  if (const int n = s.maxBytes.load(std::memory_order_acquire); n != 0) return n;
+  std::lock_guard<std::mutex> lock(s.mutex);
+  detected();
+  return s.maxBytes.load(std::memory_order_relaxed);
 }
 
 const char* NUVSysCLocaleEnvironGet() {
