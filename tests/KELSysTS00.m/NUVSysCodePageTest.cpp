@@ -390,13 +390,23 @@ TEST(NUVSysIConvTSWrapDeathTest, AfterTeardownConvertersFallBackToIdentity) {
         const unsigned short euro = 0x20AC;
         const bool before = cp1252.ConvertMBCSToUTF16("\x80", 1, u, nullptr) == 1 && u[0] == 0x20AC &&
                             cp1252.ConvertUTF16ToMBCS(&euro, 1, b, nullptr) == 1 && b[0] == '\x80';
+        // Threads that converted and ended closed their descriptors; the
+        // teardown must not close them again (ASan sees a double close).
+        NUVSysCodePage sjis("SHIFT_JIS");
+        bool threadsOk = true;
+        for (int i = 0; i < 8; ++i) {
+          std::thread([&] {
+            unsigned short w[4];
+            threadsOk = threadsOk && sjis.ConvertMBCSToUTF16("\x82\xA0", 2, w, nullptr) == 1 && w[0] == 0x3042;
+          }).join();
+        }
         NUVSysIConvTSWrap::sDeinitIConvTS(0);
         IConvDesc_t h = 0;
         const bool refused = NUVSysIConvTSWrap::Open("UTF-16LE", "ISO-8859-1", h) == E_FAIL;
         const int n = latin1.ConvertMBCSToUTF16("\xE9", 1, u, nullptr);
         const bool identity = n == 1 && u[0] == 0xE9 && cp1252.ConvertMBCSToUTF16("\x80", 1, u, nullptr) == 1 &&
                               u[0] == 0x80 && cp1252.ConvertUTF16ToMBCS(&euro, 1, b, nullptr) == 1 && b[0] == '\xAC';
-        std::exit(before && refused && identity ? 3 : 1);
+        std::exit(before && threadsOk && refused && identity ? 3 : 1);
       },
       testing::ExitedWithCode(3), "");
 }

@@ -23,6 +23,12 @@
 //   CP125x other than CP1255 and CP1258, ...) converts through tables filled from
 //   iconv itself on first use (tens of microseconds, about 1 KiB, kept until
 //   the process ends), with exactly the results above.
+// - Code pages whose iconv conversion composes characters (CP1255, CP1258,
+//   TCVN): iconv holds a final base letter back, waiting for a combining
+//   mark, and the shift-state reset that ends every call drops it, so text
+//   ending in such a letter loses it ("\xE0" alone gives no unit in CP1255).
+//   Kept as it always was; convert such text in one piece with a final
+//   character that composes with nothing (a space or a newline).
 // - The UTF-8 methods are lenient: malformed bytes decode by arithmetic, as
 //   the library's unchecked transforms do.
 //

@@ -10,8 +10,9 @@
 // mutex.
 //
 // Every descriptor ever opened is also kept in one process-wide queue so that
-// sDeinitIConvTS can close them all at shut-down; descriptors of threads that
-// ended stay open until then. After sDeinitIConvTS, Open fails and every
+// sDeinitIConvTS can close them all at shut-down. A thread's descriptors are
+// closed when the thread ends; their small records stay in the queue until
+// sDeinitIConvTS frees them. After sDeinitIConvTS, Open fails and every
 // lookup gives (iconv_t)-1, so converters fall back to their identity
 // methods.
 //

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "KELMutex.h"
@@ -31,6 +32,7 @@ struct Node {
   iconv_t forward;  // from -> to
   iconv_t reverse;  // to -> from
   Node* next;
+  bool closed = false;  // descriptors closed; under g_closeMutex
 };
 
 KELMutex* g_mutex;                 // guards the registry; made once
@@ -40,6 +42,33 @@ IConvDesc_t g_nextId;
 std::atomic<bool> g_ending{false};
 std::atomic<bool> g_warnOnce{true};
 thread_local Node* t_nodes;        // this thread's nodes, most recently used first
+
+// Orders the closing of a thread's descriptors when it ends against
+// sDeinitIConvTS, which frees the nodes. A plain mutex: usable from thread
+// exit and at process exit alike, and never destroyed.
+std::mutex g_closeMutex;
+
+void closeNode(Node* node) {
+  if (node->closed) return;
+  node->closed = true;
+  if (node->invalid) return;
+  if (node->forward != kNoDescriptor) systemts::detail::IconvClose(node->forward);
+  if (node->reverse != kNoDescriptor) systemts::detail::IconvClose(node->reverse);
+}
+
+// Closes the descriptors of a thread when it ends, so that a host starting
+// many short-lived threads does not pile up open descriptors. The nodes
+// themselves (a few dozen bytes each) stay in the process-wide queue until
+// sDeinitIConvTS, which frees them.
+struct ThreadDescriptors {
+  ~ThreadDescriptors() {
+    std::lock_guard<std::mutex> lock(g_closeMutex);
+    if (g_ending.load(std::memory_order_acquire)) return;  // sDeinitIConvTS owns them
+    for (Node* n = t_nodes; n != nullptr; n = n->next) closeNode(n);
+    t_nodes = nullptr;
+  }
+};
+thread_local ThreadDescriptors t_descriptors;
 
 bool verbose() {
   static const bool set = std::getenv("ADL_ODT_IN") != nullptr;
@@ -146,6 +175,7 @@ iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
     return kNoDescriptor;
   }
   t_nodes = node;
+  (void)&t_descriptors;  // its destructor closes this thread's descriptors at exit
   node->forward = systemts::detail::IconvOpen(to, from);
   node->reverse = systemts::detail::IconvOpen(from, to);
   iconv_t result = kNoDescriptor;
@@ -174,13 +204,11 @@ void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
       std::fprintf(stdout, "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
       std::fflush(stdout);
     }
+    std::lock_guard<std::mutex> lock(g_closeMutex);
     void* value = nullptr;
     while (g_nodes->PopLast(&value, 0) == 1) {
       auto* node = static_cast<Node*>(value);
-      if (!node->invalid) {
-        if (node->forward != kNoDescriptor) systemts::detail::IconvClose(node->forward);
-        if (node->reverse != kNoDescriptor) systemts::detail::IconvClose(node->reverse);
-      }
+      closeNode(node);
       delete node;
     }
     g_nodes->Release();
