@@ -5,7 +5,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <vector>
 
 #if defined(__x86_64__)
 #include <emmintrin.h>
@@ -42,15 +41,16 @@ size_t convertOnce(iconv_t cd, const void* src, size_t srcBytes, void* dst, size
 
 // Converts the whole `src` in one call and checks that nothing is held back
 // for the end: what a stateless converter gives.
-bool convertsStatelessly(iconv_t cd, const void* src, size_t srcBytes, std::vector<char>& out) {
+// `outLen` is the room of `out` on entry and the bytes written on return.
+bool convertsStatelessly(iconv_t cd, const void* src, size_t srcBytes, char* out, size_t& outLen) {
   char* in = static_cast<char*>(const_cast<void*>(src));
-  char* o = out.data();
-  size_t room = out.size();
+  char* o = out;
+  size_t room = outLen;
   if (iconv(cd, &in, &srcBytes, &o, &room) == kFailed || srcBytes != 0) return false;
   const size_t before = room;
   const bool flushedNothing = iconv(cd, nullptr, nullptr, &o, &room) != kFailed && room == before;
   iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  out.resize(out.size() - room);
+  outLen = static_cast<size_t>(o - out);
   return flushedNothing;
 }
 
@@ -63,7 +63,10 @@ unsigned sameBelow(const uint16_t* entries) {
 std::unique_ptr<ByteDecoder> buildDecoder(iconv_t cd) {
   std::unique_ptr<ByteDecoder> t(new (std::nothrow) ByteDecoder);
   if (!t) return t;
-  std::vector<unsigned char> accepted;
+  // The accepted bytes, then the same backwards (fixed arrays: the library
+  // instantiates no out-of-line standard container code).
+  unsigned char text[512];
+  size_t accepted = 0;
   for (unsigned b = 0; b < 256; ++b) {
     const auto byte = static_cast<unsigned char>(b);
     uint16_t units[4];
@@ -72,7 +75,7 @@ std::unique_ptr<ByteDecoder> buildDecoder(iconv_t cd) {
       // Exactly one unit, and one that cannot be mistaken for a mark.
       if (got != 2 || isSurrogate(units[0]) || units[0] == ByteDecoder::kRefused) return nullptr;
       t->unit[b] = units[0];
-      accepted.push_back(byte);
+      text[accepted++] = byte;
     } else if (errno == EILSEQ && got == 0) {
       t->unit[b] = ByteDecoder::kRefused;
     } else {
@@ -83,13 +86,13 @@ std::unique_ptr<ByteDecoder> buildDecoder(iconv_t cd) {
   // at once they must give what each gave alone, with nothing held back.
   // (A converter that holds a letter back to combine it with the next
   // already failed above, giving nothing for that letter alone.)
-  std::vector<unsigned char> text(accepted);
-  text.insert(text.end(), accepted.rbegin(), accepted.rend());
-  std::vector<uint16_t> want;
-  for (unsigned char b : text) want.push_back(t->unit[b]);
-  std::vector<char> out(2 * text.size() + 16);
-  if (!convertsStatelessly(cd, text.data(), text.size(), out) || out.size() != 2 * want.size() ||
-      std::memcmp(out.data(), want.data(), out.size()) != 0) {
+  for (size_t i = 0; i < accepted; ++i) text[accepted + i] = text[accepted - 1 - i];
+  const size_t n = 2 * accepted;
+  uint16_t want[512];
+  for (size_t i = 0; i < n; ++i) want[i] = t->unit[text[i]];
+  char out[2 * 512 + 16];
+  size_t outLen = sizeof out;
+  if (!convertsStatelessly(cd, text, n, out, outLen) || outLen != 2 * n || std::memcmp(out, want, outLen) != 0) {
     return nullptr;
   }
   t->sameBelow = sameBelow(t->unit);
@@ -133,21 +136,27 @@ std::unique_ptr<ByteEncoder> buildEncoder(iconv_t cd, const ByteDecoder& decoder
   for (auto& b : t->blocks) b.store(nullptr, std::memory_order_relaxed);
   // The units the code page's bytes decode to, in order and then backwards,
   // in one text: converted at once they must give what each gives alone.
-  std::vector<uint16_t> units;
+  uint16_t units[512];
+  size_t count = 0;
   for (unsigned b = 0; b < 256; ++b) {
     const uint16_t u = decoder.unit[b];
     if (u == ByteDecoder::kRefused) continue;
     const ByteEncoder::Block* blk = block(*t, cd, u >> 8);
     if (blk == nullptr) return nullptr;
-    if (blk->entry[u & 0xFF] < 0x100) units.push_back(u);
+    if (blk->entry[u & 0xFF] < 0x100) units[count++] = u;
   }
-  units.insert(units.end(), units.rbegin(), units.rend());
-  std::vector<char> want;
-  for (uint16_t u : units) {
-    want.push_back(static_cast<char>(t->blocks[u >> 8].load(std::memory_order_relaxed)->entry[u & 0xFF]));
+  for (size_t i = 0; i < count; ++i) units[count + i] = units[count - 1 - i];
+  const size_t n = 2 * count;
+  char want[512];
+  for (size_t i = 0; i < n; ++i) {
+    const uint16_t u = units[i];
+    want[i] = static_cast<char>(t->blocks[u >> 8].load(std::memory_order_relaxed)->entry[u & 0xFF]);
   }
-  std::vector<char> out(units.size() + 16);
-  if (!convertsStatelessly(cd, units.data(), 2 * units.size(), out) || out != want) return nullptr;
+  char out[512 + 16];
+  size_t outLen = sizeof out;
+  if (!convertsStatelessly(cd, units, 2 * n, out, outLen) || outLen != n || std::memcmp(out, want, n) != 0) {
+    return nullptr;
+  }
   const ByteEncoder::Block* first = block(*t, cd, 0);
   if (first == nullptr) return nullptr;
   t->sameBelow = sameBelow(first->entry);
