@@ -207,6 +207,9 @@ class SYSTEMTS_API KELUnicodeString {
   void Pack();
 
  private:
+  // Shares blocks with the 8-bit string without a copy.
+  friend class KELString;
+
   KELInterUnicodeString* rep() const { return _GetRepresentation(); }
   // Points the handle at `fresh` (whose reference it takes) and releases the
   // old text.
