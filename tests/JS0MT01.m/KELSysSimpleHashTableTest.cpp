@@ -170,6 +170,20 @@ TEST(KELSysSimpleHashTable, EqualItemsChainsAndLookups) {
   for (int i : {-1, 3}) EXPECT_EQ(nullptr, t.Get(i));
 }
 
+// Blocks of 32 MiB and more are placed differently inside their allocation:
+// growing into one, working in it and shrinking out of it keeps every item.
+TEST(KELSysSimpleHashTable, LargeBlocks) {
+  Table t(0, nullptr, nullptr);
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(1, t.Insert(item(i)));
+  ASSERT_EQ(0, t.ReAllocate(1500000));
+  EXPECT_EQ(Table::UpToNiceModulo(1500000), buckets(t));
+  for (int i = 100; i < 200; ++i) ASSERT_EQ(1, t.Insert(item(i)));
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(item(i), t.Locate(item(i))) << i;
+  ASSERT_EQ(item(7), t.Remove(item(7)));  // shrinks to a small block
+  EXPECT_EQ(Table::UpToNiceModulo(218), buckets(t));  // 199 * 1.1
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(i == 7 ? nullptr : item(i), t.Locate(item(i))) << i;
+}
+
 TEST(KELSysSimpleHashTable, AllocationFailures) {
 #ifndef SYSTEMTS_TEST_ASAN
   GTEST_SKIP() << "needs the allocation limit set for AddressSanitizer";

@@ -41,15 +41,16 @@ SYSTEMTS_API int KELSimpleHashCompare(void* a, void* b);
 //   KELSimpleHashCompare.
 // - When both functions are KELSimpleHashIt and KELSimpleHashCompare, the
 //   table computes them inline instead of calling them; results are the same.
-// - The block also keeps, after the entries, a 64-bit reciprocal of the
-//   bucket count, so that the bucket (hash modulo the bucket count) is found
-//   with two multiplications; the object keeps its five documented fields and
-//   its size. The storage field has its lowest bit set (malloc blocks leave
-//   it free) when the functions are the pointer-set ones.
+// - The object keeps its five documented fields and its size. The storage
+//   field points at the bucket heads, with its lowest bit set (malloc blocks
+//   leave it free) when the functions are the pointer-set ones; the block
+//   also keeps, after the entries, the offset of the heads in the allocation.
 // - Blocks of 32 MiB and more (tables of about 1.4 million buckets and up)
-//   are taken with calloc and advised to the kernel as transparent huge
-//   pages (madvise): one page fault per 2 MiB instead of per 4 KiB makes
-//   building large tables several times cheaper. Only advice.
+//   are taken with calloc, one huge page longer, with the heads starting on
+//   a 2 MiB boundary, and advised to the kernel as transparent huge pages
+//   (madvise): one page fault per 2 MiB instead of per 4 KiB makes building
+//   large tables several times cheaper, and lookups stop missing the TLB.
+//   Only advice.
 // - Growing and shrinking link every entry again at its own position; the
 //   result is what inserting the items again in entry order gives, but the
 //   equality function is not called (the items are already known distinct).
@@ -137,7 +138,7 @@ class SYSTEMTS_API KELSysSimpleHashTable {
 
   int (*_equal)(void*, void*);
   unsigned int (*_hash)(void*);
-  Entry** _storage;  // bucket heads, entries, reciprocal; lowest bit: pointer set
+  Entry** _storage;  // bucket heads, entries, offset; lowest bit: pointer set
   int _bucketCount;
   int _count;
 };

@@ -1,10 +1,14 @@
 // KELSysSimpleHashTable.cpp - the pointer hash set.
 //
 // Layout of the one block, for n buckets:
-//   Entry* heads[n] | Entry entries[n] | uint64_t reciprocal
-// The reciprocal is Lemire's fastmod constant for n, with which the bucket
-// (hash % n, unsigned 32-bit) costs two multiplications instead of a division
-// and is exactly the same value for every hash and every n.
+//   [lead bytes] Entry* heads[n] | Entry entries[n] | uint64_t lead
+// The lead is the number of bytes malloc gave before the heads: 0 but for
+// large blocks, whose heads start on a huge-page boundary (see newBlock).
+//
+// The bucket is hash % n in unsigned 32-bit arithmetic, one hardware
+// division. A multiply-shift replacement with a per-block constant measured
+// slower in lookups on current processors: it needs that constant loaded
+// before the bucket's address is known.
 //
 // The storage field holds the block's address with its lowest bit set when
 // the table uses the pointer-set functions (malloc blocks are at least 8-byte
@@ -22,7 +26,6 @@
 #include <cstring>
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 using Entry = KELSysSimpleHashTable::Entry;
 
@@ -49,14 +52,9 @@ struct CallerOps {
   bool equal(void* stored, void* item) const { return equalFn(stored, item) != 0; }
 };
 
-// Lemire's fastmod for 32-bit values: m = 2^64 / n rounded up.
-uint64_t reciprocal(uint32_t n) { return ~uint64_t{0} / n + 1; }
-
-// The block of `buckets` buckets: heads, entries, reciprocal.
+// The block of `buckets` buckets: heads, entries, lead.
 size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(uint64_t); }
-uint64_t* reciprocalOf(Entry** heads, uint32_t buckets) {
-  return reinterpret_cast<uint64_t*>(heads + size_t{buckets} * 3);
-}
+uint64_t* leadOf(Entry** heads, uint32_t buckets) { return reinterpret_cast<uint64_t*>(heads + size_t{buckets} * 3); }
 
 // The storage field: the block's address, its lowest bit set for pointer sets.
 constexpr uintptr_t kPointerSetBit = 1;
@@ -70,36 +68,48 @@ Entry** untagged(Entry** storage) {
 
 // Blocks from this size on are mapped on their own by malloc (its largest
 // threshold for choosing a mapping). Their fresh pages cost one fault each,
-// which is most of the time spent building a large table, so such blocks ask
-// for transparent huge pages: one fault for 2 MiB, and fewer TLB misses in
-// lookups. Only advice: when the kernel declines, nothing changes.
+// which is most of the time spent building a large table, and lookups in
+// them miss the TLB on almost every access. Such blocks therefore ask for
+// transparent huge pages: one fault for 2 MiB, and a TLB that covers the
+// whole table. The kernel backs only whole aligned 2 MiB ranges with huge
+// pages, so the heads start on such a boundary inside a block one huge page
+// longer; the pages before them are never touched. Only advice: when the
+// kernel declines, nothing changes.
 constexpr size_t kHugePageAdviceBytes = size_t{32} << 20;
-
-void adviseHugePages(void* block, size_t bytes) {
-  if (bytes < kHugePageAdviceBytes) return;
-  static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  const uintptr_t begin = (reinterpret_cast<uintptr_t>(block) + page - 1) & ~(page - 1);
-  const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + bytes) & ~(page - 1);
-  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-}
+constexpr uintptr_t kHugePageBytes = uintptr_t{2} << 20;
 
 bool isPointerSet(unsigned int (*hash)(void*), int (*equal)(void*, void*)) {
   return hash == &KELSimpleHashIt && equal == &KELSimpleHashCompare;
 }
 
-// Allocates a block with null heads and its reciprocal set; null on failure.
+// Allocates a block with null heads and its trailer set; null on failure.
 // A large block comes from calloc: it is a fresh mapping, zero already, so
 // its heads need no clearing pass (and its pages are not touched before the
 // huge-page advice).
 Entry** newBlock(uint32_t buckets) {
   const size_t bytes = blockBytes(buckets);
-  const bool large = bytes >= kHugePageAdviceBytes;
-  auto* heads = static_cast<Entry**>(large ? std::calloc(1, bytes) : std::malloc(bytes));
-  if (heads == nullptr) return nullptr;
-  adviseHugePages(heads, bytes);
-  if (!large) std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
-  *reciprocalOf(heads, buckets) = reciprocal(buckets);
+  if (bytes < kHugePageAdviceBytes) {
+    auto* heads = static_cast<Entry**>(std::malloc(bytes));
+    if (heads == nullptr) return nullptr;
+    std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
+    *leadOf(heads, buckets) = 0;
+    return heads;
+  }
+  char* const raw = static_cast<char*>(std::calloc(1, bytes + kHugePageBytes));
+  if (raw == nullptr) return nullptr;
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(raw) + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
+  // Up to the last whole huge page inside the block.
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(raw) + bytes + kHugePageBytes) & ~(kHugePageBytes - 1);
+  madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  auto* heads = reinterpret_cast<Entry**>(begin);
+  *leadOf(heads, buckets) = begin - reinterpret_cast<uintptr_t>(raw);
   return heads;
+}
+
+// Frees a block of newBlock; null does nothing.
+void freeBlock(Entry** heads, uint32_t buckets) {
+  if (heads == nullptr) return;
+  std::free(reinterpret_cast<char*>(heads) - *leadOf(heads, buckets));
 }
 
 constexpr uint32_t kNicePrimes[] = {2, 3, 5, 7, 11, 13, 17, 19};
@@ -111,19 +121,13 @@ struct SimpleHashCore {
   struct View {
     Entry** heads;
     Entry* entries;
-    uint64_t m;
     uint32_t n;
 
-    View() : heads(nullptr), entries(nullptr), m(0), n(0) {}
+    View() : heads(nullptr), entries(nullptr), n(0) {}
     View(Entry** block, int buckets)
-        : heads(block),
-          entries(reinterpret_cast<Entry*>(block + buckets)),
-          m(*reciprocalOf(block, static_cast<uint32_t>(buckets))),
-          n(static_cast<uint32_t>(buckets)) {}
+        : heads(block), entries(reinterpret_cast<Entry*>(block + buckets)), n(static_cast<uint32_t>(buckets)) {}
     explicit View(const KELSysSimpleHashTable& t) : View(untagged(t._storage), t._bucketCount) {}
-    uint32_t bucket(uint32_t h) const {
-      return static_cast<uint32_t>((static_cast<unsigned __int128>(m * h) * n) >> 64);
-    }
+    uint32_t bucket(uint32_t h) const { return h % n; }
   };
 
   static CallerOps callerOps(const KELSysSimpleHashTable& t) { return {t._hash, t._equal}; }
@@ -295,7 +299,7 @@ struct SimpleHashCore {
       e->next = *head;
       *head = e;
     }
-    std::free(old.heads);
+    freeBlock(old.heads, old.n);
     return 0;
   }
 };
@@ -339,7 +343,7 @@ KELSysSimpleHashTable::KELSysSimpleHashTable(int size, unsigned int (*hash)(void
 }
 
 KELSysSimpleHashTable::~KELSysSimpleHashTable() {
-  std::free(systemts::detail::untagged(_storage));
+  systemts::detail::freeBlock(systemts::detail::untagged(_storage), static_cast<uint32_t>(_bucketCount));
   _storage = nullptr;
   _bucketCount = 0;
   _count = 0;
