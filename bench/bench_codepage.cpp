@@ -31,15 +31,14 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "NUVSysCodePage.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -73,11 +72,6 @@ std::vector<Corpus> g_corpora = {
   std::exit(3);
 }
 
-std::string corporaDir() {
-  if (const char* env = std::getenv("SYSTEMTS_CORPORA"); env && *env) return env;
-  return SYSTEMTS_CORPORA_DIR;
-}
-
 // Whole-buffer conversions with a reused descriptor, as a caller of iconv
 // would write them; the corpora convert without error.
 size_t rawTo16(const Corpus& c, unsigned short* out, size_t room) {
@@ -101,11 +95,10 @@ size_t rawFrom16(const Corpus& c, char* out, size_t room) {
 }
 
 void load() {
-  const std::string dir = corporaDir();
+  const std::string dir = bench::corporaDir();
   std::vector<Corpus> kept;
   for (Corpus& c : g_corpora) {
-    std::ifstream in(dir + "/" + c.file, std::ios::binary);
-    if (in) c.bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    bench::readFile(dir + "/" + c.file, c.bytes);
     if (c.bytes.empty() || c.bytes.size() > static_cast<size_t>(INT_MAX) / 4) {
       std::fprintf(stderr, "bench_codepage: skipping %s: cannot read %s/%s\n", c.name, dir.c_str(), c.file);
       continue;
@@ -310,15 +303,9 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions in a process that never had
-  // a second thread; start one so we measure what a real host runs.
-  std::thread([] {}).join();
-  load();
-  selfCheck();
-  registerAll();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    load();
+    selfCheck();
+    registerAll();
+  });
 }

@@ -22,12 +22,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
 
 #include "KELString.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -42,10 +40,8 @@ const char kPiece[] = "piece-8b";
 }
 
 std::string haystack() {
-  const char* env = std::getenv("SYSTEMTS_CORPORA");
-  const std::string dir = env && *env ? env : SYSTEMTS_CORPORA_DIR;
-  std::ifstream in(dir + "/ascii.txt", std::ios::binary);
-  std::string seed(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>{});
+  std::string seed;
+  bench::readFile(bench::corporaDir() + "/ascii.txt", seed);
   if (seed.empty()) seed = "the quick brown fox jumps over the lazy dog; needles and haystacks, 0123456789\n";
   std::string text;
   text.reserve(kHaystack);
@@ -127,16 +123,10 @@ void appendCases() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions in a process that never had
-  // a second thread; start one so we measure what a real host runs.
-  std::thread([] {}).join();
-  const std::string text = haystack();
-  findCases(text);
-  hashCases(text);
-  appendCases();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    const std::string text = haystack();
+    findCases(text);
+    hashCases(text);
+    appendCases();
+  });
 }
