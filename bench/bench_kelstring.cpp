@@ -19,6 +19,7 @@
 // corpus it is built here from a fixed word list.
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,7 @@ constexpr size_t kHaystack = 1 << 20;
 const char kNeedle[] = "needle-0123456789";  // 17 bytes, never in the text
 constexpr int kPieces = 10000;
 const char kPiece[] = "piece-8b";
+constexpr int64_t kAppendBytes = static_cast<int64_t>(kPieces) * (sizeof kPiece - 1);
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "bench_kelstring: %s; the measurements would mean nothing\n", what);
@@ -97,26 +99,25 @@ void hashCases(const std::string& text) {
 }
 
 void appendCases() {
-  const int64_t bytes = static_cast<int64_t>(kPieces) * (sizeof kPiece - 1);
   KELString check;
   for (int i = 0; i < kPieces; ++i) check += kPiece;
-  if (check.Length() != bytes) fail("appending lost bytes");
-  benchmark::RegisterBenchmark("append_10k/ours", [bytes](benchmark::State& st) {
+  if (check.Length() != kAppendBytes) fail("appending lost bytes");
+  benchmark::RegisterBenchmark("append_10k/ours", [](benchmark::State& st) {
     for (auto _ : st) {
       KELString s;
       for (int i = 0; i < kPieces; ++i) s += kPiece;
       benchmark::DoNotOptimize(s.ConvertToChar());
     }
-    st.SetBytesProcessed(st.iterations() * bytes);
+    st.SetBytesProcessed(st.iterations() * kAppendBytes);
   })->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("append_10k/std_string", [bytes](benchmark::State& st) {
+  benchmark::RegisterBenchmark("append_10k/std_string", [](benchmark::State& st) {
     for (auto _ : st) {
       std::string s;
       for (int i = 0; i < kPieces; ++i) s += kPiece;
       benchmark::DoNotOptimize(s.data());
       benchmark::ClobberMemory();
     }
-    st.SetBytesProcessed(st.iterations() * bytes);
+    st.SetBytesProcessed(st.iterations() * kAppendBytes);
   })->Unit(benchmark::kMicrosecond);
 }
 
