@@ -9,10 +9,10 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "NUVSysConverter.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -122,11 +122,4 @@ BENCHMARK(oursDecode)->Name("base64_decode/ours")->Unit(benchmark::kMicrosecond)
 BENCHMARK(opensslDecode)->Name("base64_decode/openssl")->Unit(benchmark::kMicrosecond);
 BENCHMARK(glibDecode)->Name("base64_decode/glib")->Unit(benchmark::kMicrosecond);
 
-int main(int argc, char** argv) {
-  std::thread([] {}).join();  // multi-threaded runtime paths, as in a real host
-  setUp();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return bench::run(argc, argv, setUp); }

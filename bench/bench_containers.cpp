@@ -29,13 +29,13 @@
 #include <cstdlib>
 #include <random>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "KELSysSimpleHashTable.h"
 #include "NUVSysHashTable.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -292,11 +292,8 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::thread([] {}).join();  // multi-threaded runtime paths, as in a real host
-  setUp();
-  registerAll();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    setUp();
+    registerAll();
+  });
 }

@@ -19,15 +19,14 @@
 // corpus it is built here from a fixed word list.
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
 
 #include "KELString.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -35,6 +34,7 @@ constexpr size_t kHaystack = 1 << 20;
 const char kNeedle[] = "needle-0123456789";  // 17 bytes, never in the text
 constexpr int kPieces = 10000;
 const char kPiece[] = "piece-8b";
+constexpr int64_t kAppendBytes = static_cast<int64_t>(kPieces) * (sizeof kPiece - 1);
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "bench_kelstring: %s; the measurements would mean nothing\n", what);
@@ -42,10 +42,8 @@ const char kPiece[] = "piece-8b";
 }
 
 std::string haystack() {
-  const char* env = std::getenv("SYSTEMTS_CORPORA");
-  const std::string dir = env && *env ? env : SYSTEMTS_CORPORA_DIR;
-  std::ifstream in(dir + "/ascii.txt", std::ios::binary);
-  std::string seed(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>{});
+  std::string seed;
+  bench::readFile(bench::corporaDir() + "/ascii.txt", seed);
   if (seed.empty()) seed = "the quick brown fox jumps over the lazy dog; needles and haystacks, 0123456789\n";
   std::string text;
   text.reserve(kHaystack);
@@ -101,42 +99,35 @@ void hashCases(const std::string& text) {
 }
 
 void appendCases() {
-  const int64_t bytes = static_cast<int64_t>(kPieces) * (sizeof kPiece - 1);
   KELString check;
   for (int i = 0; i < kPieces; ++i) check += kPiece;
-  if (check.Length() != bytes) fail("appending lost bytes");
-  benchmark::RegisterBenchmark("append_10k/ours", [bytes](benchmark::State& st) {
+  if (check.Length() != kAppendBytes) fail("appending lost bytes");
+  benchmark::RegisterBenchmark("append_10k/ours", [](benchmark::State& st) {
     for (auto _ : st) {
       KELString s;
       for (int i = 0; i < kPieces; ++i) s += kPiece;
       benchmark::DoNotOptimize(s.ConvertToChar());
     }
-    st.SetBytesProcessed(st.iterations() * bytes);
+    st.SetBytesProcessed(st.iterations() * kAppendBytes);
   })->Unit(benchmark::kMicrosecond);
-  benchmark::RegisterBenchmark("append_10k/std_string", [bytes](benchmark::State& st) {
+  benchmark::RegisterBenchmark("append_10k/std_string", [](benchmark::State& st) {
     for (auto _ : st) {
       std::string s;
       for (int i = 0; i < kPieces; ++i) s += kPiece;
       benchmark::DoNotOptimize(s.data());
       benchmark::ClobberMemory();
     }
-    st.SetBytesProcessed(st.iterations() * bytes);
+    st.SetBytesProcessed(st.iterations() * kAppendBytes);
   })->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions in a process that never had
-  // a second thread; start one so we measure what a real host runs.
-  std::thread([] {}).join();
-  const std::string text = haystack();
-  findCases(text);
-  hashCases(text);
-  appendCases();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    const std::string text = haystack();
+    findCases(text);
+    hashCases(text);
+    appendCases();
+  });
 }

@@ -6,11 +6,11 @@
 
 #include <mutex>
 #include <shared_mutex>
-#include <thread>
 
 #include "KELMutex.h"
 #include "KELResourceLock.h"
 #include "KELSmartMutex.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -113,11 +113,4 @@ BENCHMARK(kelWritePair)->Name("write_pair/ours");
 BENCHMARK(pthreadWritePair)->Name("write_pair/pthread_rwlock");
 BENCHMARK(stdWritePair)->Name("write_pair/std_shared_mutex");
 
-int main(int argc, char** argv) {
-  std::thread([] {}).join();  // multi-threaded runtime paths, as in a real host
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return bench::run(argc, argv); }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "NUVSysTSDataQueue.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -134,13 +135,4 @@ BENCHMARK(ours)->Name("queue/ours")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchma
 BENCHMARK(glib)->Name("queue/glib")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(stdq)->Name("queue/std")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-int main(int argc, char** argv) {
-  // glibc skips atomic instructions in a process that never had a second
-  // thread; every peer must pay for them alike.
-  std::thread([] {}).join();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return bench::run(argc, argv); }

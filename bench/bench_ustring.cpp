@@ -23,14 +23,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "KELUnicodeString.h"
 #include "NUVSysNLSEnv.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -40,22 +38,17 @@ struct Corpus {
 };
 std::vector<Corpus> g_corpora;
 
-std::string corporaDir() {
-  if (const char* env = std::getenv("SYSTEMTS_CORPORA"); env && *env) return env;
-  return SYSTEMTS_CORPORA_DIR;
-}
-
 void loadCorpora() {
-  const std::string dir = corporaDir();
-  for (const char* name : {"ascii", "latin", "cjk", "emoji"}) {
-    std::ifstream in(dir + "/" + name + ".txt", std::ios::binary);
-    if (!in) {
+  const std::string dir = bench::corporaDir();
+  for (const char* name : bench::kTextCorpora) {
+    Corpus c{name, {}};
+    if (!bench::readFile(dir + "/" + name + ".txt", c.utf8)) {
       std::fprintf(stderr, "bench_ustring: no corpus %s/%s.txt; the UTF-8 round trips are left out\n", dir.c_str(),
                    name);
       g_corpora.clear();
       return;
     }
-    g_corpora.push_back({name, std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>())});
+    g_corpora.push_back(std::move(c));
   }
 }
 
@@ -181,21 +174,15 @@ void churn(benchmark::State& st, bool pool) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions in a process that never had
-  // a second thread; start one so we measure what a real host runs.
-  std::thread([] {}).join();
-  NLSCoreChangeLanguage("C");
-  loadCorpora();
-  selfCheck();
-  copyCase("copy_1KiB", 512);
-  copyCase("copy_64KiB", 32768);
-  appendCase();
-  roundTripCases();
-  benchmark::RegisterBenchmark("pool_churn/ours", [](benchmark::State& st) { churn(st, true); });
-  benchmark::RegisterBenchmark("pool_churn/pool_off", [](benchmark::State& st) { churn(st, false); });
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    NLSCoreChangeLanguage("C");
+    loadCorpora();
+    selfCheck();
+    copyCase("copy_1KiB", 512);
+    copyCase("copy_64KiB", 32768);
+    appendCase();
+    roundTripCases();
+    benchmark::RegisterBenchmark("pool_churn/ours", [](benchmark::State& st) { churn(st, true); });
+    benchmark::RegisterBenchmark("pool_churn/pool_off", [](benchmark::State& st) { churn(st, false); });
+  });
 }

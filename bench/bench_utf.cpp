@@ -31,13 +31,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "NUVSysUCAlgorithm.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -66,17 +64,13 @@ std::vector<char> g_out8;
   std::exit(3);
 }
 
-std::string corporaDir() {
-  if (const char* env = std::getenv("SYSTEMTS_CORPORA"); env && *env) return env;
-  return SYSTEMTS_CORPORA_DIR;
-}
-
 void loadCorpora() {
-  const std::string dir = corporaDir();
-  for (const char* name : {"ascii", "latin", "cjk", "emoji"}) {
+  const std::string dir = bench::corporaDir();
+  for (const char* name : bench::kTextCorpora) {
     const std::string path = dir + "/" + name + ".txt";
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    Corpus c;
+    c.name = name;
+    if (!bench::readFile(path, c.utf8)) {
       std::fprintf(stderr,
                    "bench_utf: cannot read %s\n"
                    "  The corpora are not part of this repository; point SYSTEMTS_CORPORA at the\n"
@@ -84,9 +78,6 @@ void loadCorpora() {
                    path.c_str());
       std::exit(2);
     }
-    Corpus c;
-    c.name = name;
-    c.utf8.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     if (c.utf8.empty() || c.utf8.size() > static_cast<size_t>(INT_MAX) / 4) {
       std::fprintf(stderr, "bench_utf: %s is empty or too large (%zu bytes)\n", path.c_str(),
                    c.utf8.size());
@@ -324,15 +315,9 @@ void registerAll() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // glibc and libstdc++ skip atomic instructions in a process that never had
-  // a second thread; start one so we measure what a real host runs.
-  std::thread([] {}).join();
-  loadCorpora();
-  selfCheck();
-  registerAll();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return bench::run(argc, argv, [] {
+    loadCorpora();
+    selfCheck();
+    registerAll();
+  });
 }

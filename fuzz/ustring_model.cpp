@@ -10,7 +10,7 @@
 #include <string>
 
 #include "KELUnicodeString.h"
-#include "NUVSysNLSEnv.h"
+#include "ustring_fuzz.h"
 
 namespace {
 
@@ -23,24 +23,7 @@ void check(bool ok) {
 
 bool isSpace(char16_t u) { return u == u' ' || u == u'\t'; }
 
-// No unpaired surrogate: such text goes through UTF-8 and back unchanged.
-bool wellFormed(const std::u16string& t) {
-  for (size_t k = 0; k < t.size(); ++k) {
-    if (t[k] >= 0xDC00 && t[k] <= 0xDFFF) return false;
-    if (t[k] >= 0xD800 && t[k] <= 0xDBFF) {
-      if (k + 1 == t.size() || t[k + 1] < 0xDC00 || t[k + 1] > 0xDFFF) return false;
-      ++k;
-    }
-  }
-  return true;
-}
-
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  NLSCoreChangeLanguage("C");
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   KELUnicodeString s[3];

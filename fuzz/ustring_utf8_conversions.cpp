@@ -11,30 +11,8 @@
 #include <vector>
 
 #include "KELUnicodeString.h"
-#include "NUVSysNLSEnv.h"
 #include "NUVSysUCAlgorithm.h"
-
-namespace {
-
-// No unpaired surrogate: only such units survive UTF-8 and back unchanged
-// (a lone high surrogate swallows the unit after it on the way out).
-bool wellFormed(const std::vector<unsigned short>& t) {
-  for (size_t k = 0; k < t.size(); ++k) {
-    if (t[k] >= 0xDC00 && t[k] <= 0xDFFF) return false;
-    if (t[k] >= 0xD800 && t[k] <= 0xDBFF) {
-      if (k + 1 == t.size() || t[k + 1] < 0xDC00 || t[k + 1] > 0xDFFF) return false;
-      ++k;
-    }
-  }
-  return true;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  NLSCoreChangeLanguage("C");
-  return 0;
-}
+#include "ustring_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
