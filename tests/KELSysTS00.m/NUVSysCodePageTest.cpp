@@ -7,46 +7,34 @@
 #include <iconv.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "IconvReference.h"
 #include "KELSysTSCodePage.h"
 #include "NUVSysIConvTSWrap.h"
+#include "TestSupport.h"
 
 namespace {
 
 using U16 = std::vector<unsigned short>;
 
-std::string readCorpus(const std::string& name) {
-  std::ifstream in(std::string(SYSTEMTS_CORPORA_DIR) + "/" + name, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// What iconv itself makes of the bytes (all of them valid in `page`).
-U16 iconvToUtf16(const char* page, const std::string& bytes) {
-  iconv_t cd = iconv_open("UTF-16LE", page);
-  EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
-  U16 out(bytes.size() + 1);
-  char* in = const_cast<char*>(bytes.data());
-  size_t inLeft = bytes.size();
-  char* o = reinterpret_cast<char*>(out.data());
-  size_t oLeft = out.size() * 2;
-  EXPECT_NE(iconv(cd, &in, &inLeft, &o, &oLeft), static_cast<size_t>(-1));
-  iconv_close(cd);
-  out.resize((out.size() * 2 - oLeft) / 2);
-  return out;
-}
-
 U16 ours(const NUVSysCodePage& cp, const std::string& bytes) {
   U16 out(bytes.size() + 2);  // the documented bound of the one-shot form
   int n = -1;
   EXPECT_EQ(cp.ConvertMBCSToUTF16(bytes.data(), static_cast<int>(bytes.size()), out.data(), &n), n);
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+std::string oursFrom16(const NUVSysCodePage& cp, const U16& units) {
+  std::string out(4 * units.size() + 1, '\x55');
+  int n = -1;
+  EXPECT_EQ(cp.ConvertUTF16ToMBCS(units.data(), static_cast<int>(units.size()), &out[0], &n), n);
+  EXPECT_EQ(out[static_cast<size_t>(n)], '\0');
   out.resize(static_cast<size_t>(n));
   return out;
 }
@@ -67,12 +55,8 @@ TEST(NUVSysCodePage, RealCodePagesMatchIconvBothWays) {
     ASSERT_TRUE(cp.IsValid()) << c.page;
     EXPECT_STREQ(cp.GetCodePageName(), c.page);
     const U16 units = ours(cp, bytes);
-    EXPECT_TRUE(units == iconvToUtf16(c.page, bytes)) << c.page;
-    std::string back(4 * units.size() + 1, '\0');
-    int n = 0;
-    cp.ConvertUTF16ToMBCS(units.data(), static_cast<int>(units.size()), back.data(), &n);
-    back.resize(static_cast<size_t>(n));
-    EXPECT_TRUE(back == bytes) << c.page;
+    EXPECT_TRUE(units == iconvTo16(IconvPair(c.page).to16, bytes)) << c.page;
+    EXPECT_TRUE(oursFrom16(cp, units) == bytes) << c.page;
   }
 }
 
@@ -191,56 +175,6 @@ testing::AssertionResult Same(const V& want, const V& got) {
   return testing::AssertionSuccess();
 }
 
-// One call of the MBCS-to-UTF-16 loop on raw iconv: `cap` units at most (-1:
-// one shot), a refused byte skipped (one byte in the "C" locale) and replaced
-// by 0x3F00 while room is left, E2BIG ending the call. Advances p and left.
-U16 refTo16(iconv_t cd, const char*& p, size_t& left, int cap) {
-  const size_t room = cap >= 1 ? static_cast<size_t>(cap) : left;
-  U16 out(room + 1);  // never empty: iconv wants a real output pointer
-  char* in = const_cast<char*>(p);
-  char* o = reinterpret_cast<char*>(out.data());
-  size_t oLeft = 2 * room;
-  while (iconv(cd, &in, &left, &o, &oLeft) == static_cast<size_t>(-1) && left > 0 && errno != E2BIG) {
-    ++in;
-    --left;
-    if (oLeft < 2) break;
-    *o++ = 0x00;
-    *o++ = 0x3F;
-    oLeft -= 2;
-  }
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  p = in;
-  out.resize(room - oLeft / 2);
-  return out;
-}
-
-// The UTF-16-to-MBCS loop on raw iconv: '?' for a unit iconv refuses.
-std::string refFrom16(iconv_t cd, const U16& units) {
-  std::string out(4 * units.size(), '\0');
-  char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(units.data()));
-  size_t left = 2 * units.size();
-  char* o = &out[0];
-  size_t oLeft = out.size();
-  while (left > 0 && iconv(cd, &in, &left, &o, &oLeft) == static_cast<size_t>(-1) && left > 0 && oLeft > 0) {
-    *o++ = '?';
-    --oLeft;
-    in += 2;
-    left -= 2;
-  }
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  out.resize(out.size() - oLeft);
-  return out;
-}
-
-std::string oursFrom16(const NUVSysCodePage& cp, const U16& units) {
-  std::string out(4 * units.size() + 1, '\x55');
-  int n = -1;
-  EXPECT_EQ(cp.ConvertUTF16ToMBCS(units.data(), static_cast<int>(units.size()), &out[0], &n), n);
-  EXPECT_EQ(out[static_cast<size_t>(n)], '\0');
-  out.resize(static_cast<size_t>(n));
-  return out;
-}
-
 // Texts that reach every table entry and every path around it: all bytes or
 // all units in order, and random mixes (fixed seed) with refused bytes, NULs,
 // surrogate pairs, lone surrogates and a high surrogate at the very end.
@@ -274,14 +208,12 @@ TEST(NUVSysCodePage, SingleBytePagesGiveExactlyWhatIconvGives) {
   for (const char* page : {"ISO-8859-1", "CP1252", "KOI8-R", "ISO-8859-3", "CP1255"}) {
     SCOPED_TRACE(page);
     NUVSysCodePage cp(page);
-    iconv_t to16 = iconv_open("UTF-16LE", page), from16 = iconv_open(page, "UTF-16LE");
-    ASSERT_NE(to16, reinterpret_cast<iconv_t>(-1));
+    const IconvPair ref(page);
+    ASSERT_TRUE(ref.valid());
     ASSERT_TRUE(cp.IsValid());
     for (const std::string& text : byteTexts()) {
       SCOPED_TRACE(text.size());
-      const char* p = text.data();
-      size_t left = text.size();
-      EXPECT_TRUE(Same(refTo16(to16, p, left, -1), ours(cp, text)));
+      EXPECT_TRUE(Same(iconvTo16(ref.to16, text), ours(cp, text)));
       // Resumable in chunks: every call consumes and writes what the
       // reference does, refused bytes at the edge of the room included; the
       // larger rooms end inside a run of sixteen.
@@ -291,7 +223,7 @@ TEST(NUVSysCodePage, SingleBytePagesGiveExactlyWhatIconvGives) {
         while (oLeft > 0) {
           U16 got(static_cast<size_t>(cap) + 1);
           got.resize(cp.ConvertMBCSToUTF16(op, oLeft, got.data(), static_cast<size_t>(cap)));
-          ASSERT_TRUE(Same(refTo16(to16, rp, rLeft, cap), got)) << "cap " << cap << " at " << text.size() - rLeft;
+          ASSERT_TRUE(Same(iconvTo16(ref.to16, rp, rLeft, cap), got)) << "cap " << cap << " at " << text.size() - rLeft;
           ASSERT_EQ(rLeft, oLeft);
         }
         EXPECT_EQ(op, nullptr);
@@ -299,39 +231,42 @@ TEST(NUVSysCodePage, SingleBytePagesGiveExactlyWhatIconvGives) {
     }
     for (const U16& units : unitTexts()) {
       SCOPED_TRACE(units.size());
-      EXPECT_TRUE(Same(refFrom16(from16, units), oursFrom16(cp, units)));
+      EXPECT_TRUE(Same(iconvFrom16(ref.from16, units), oursFrom16(cp, units)));
     }
     // Each unit alone: a lone surrogate, at the end of its text, gives '?'.
     for (unsigned u = 0; u < 0x10000; ++u) {
       const U16 one{static_cast<unsigned short>(u)};
-      if (refFrom16(from16, one) != oursFrom16(cp, one)) ADD_FAILURE() << "unit 0x" << std::hex << u;
+      if (iconvFrom16(ref.from16, one) != oursFrom16(cp, one)) ADD_FAILURE() << "unit 0x" << std::hex << u;
     }
-    iconv_close(to16);
-    iconv_close(from16);
   }
 }
 
-// The first conversions of a code page on two threads at once: each may make
-// the tables, one set wins, both convert right.
-TEST(NUVSysCodePage, SingleByteTablesMadeOnTwoThreadsAtOnce) {
-  NUVSysCodePage cp("KOI8-U");
+// Two threads make a converter's first conversions at once: a single-byte
+// page's tables may be made by both (one set wins), an iconv page's
+// descriptors are each thread's own. Both threads convert right.
+TEST(NUVSysCodePage, TwoThreadsConvertAtOnce) {
   std::string all(256, '\0');
   for (size_t i = 0; i < 256; ++i) all[i] = static_cast<char>(i);
-  iconv_t to16 = iconv_open("UTF-16LE", "KOI8-U");
-  const char* p = all.data();
-  size_t left = all.size();
-  const U16 want = refTo16(to16, p, left, -1);
-  iconv_close(to16);
-  bool same[2] = {false, false};
-  auto work = [&](int t) {
-    const U16 units = ours(cp, all);
-    same[t] = units == want && oursFrom16(cp, units) == all;
-  };
-  std::thread a(work, 0), b(work, 1);
-  a.join();
-  b.join();
-  EXPECT_TRUE(same[0]);
-  EXPECT_TRUE(same[1]);
+  std::string euc = readCorpus("cjk.euc-jp.txt");
+  euc.resize(euc.rfind('\n', 200000) + 1);  // whole lines only
+  for (const auto& pageAndText : {std::pair<const char*, std::string>{"KOI8-U", all}, {"EUC-JP", euc}}) {
+    const char* page = pageAndText.first;
+    const std::string& bytes = pageAndText.second;
+    if (bytes.empty()) GTEST_SKIP() << "corpus cjk.euc-jp.txt not found in " << SYSTEMTS_CORPORA_DIR;
+    SCOPED_TRACE(page);
+    const NUVSysCodePage cp(page);
+    const U16 want = iconvTo16(IconvPair(page).to16, bytes);
+    bool same[2] = {false, false};
+    auto work = [&](int t) {
+      const U16 units = ours(cp, bytes);
+      same[t] = units == want && oursFrom16(cp, units) == bytes;
+    };
+    std::thread a(work, 0), b(work, 1);
+    a.join();
+    b.join();
+    EXPECT_TRUE(same[0]);
+    EXPECT_TRUE(same[1]);
+  }
 }
 
 TEST(NUVSysIConvTSWrap, HandlesNameBothDirections) {
@@ -345,22 +280,6 @@ TEST(NUVSysIConvTSWrap, HandlesNameBothDirections) {
   EXPECT_EQ(NUVSysIConvTSWrap::Open(nullptr, "X", again), E_FAIL);
   EXPECT_EQ(NUVSysIConvTSWrap::GetIConvDesc(h), reinterpret_cast<iconv_t>(-1));  // iconv does not know it
   EXPECT_EQ(NUVSysIConvTSWrap::GetIConvDesc(0x7FFFFFF0u), reinterpret_cast<iconv_t>(-1));
-}
-
-// Each thread converts with its own descriptors, at the same time.
-TEST(NUVSysCodePage, ThreadsConvertAtOnce) {
-  std::string bytes = readCorpus("cjk.euc-jp.txt");
-  bytes.resize(bytes.rfind('\n', 200000) + 1);  // whole lines only
-  if (bytes.empty()) GTEST_SKIP() << "corpus cjk.euc-jp.txt not found in " << SYSTEMTS_CORPORA_DIR;
-  NUVSysCodePage cp("EUC-JP");
-  const U16 want = iconvToUtf16("EUC-JP", bytes);
-  bool same[2] = {false, false};
-  std::thread a([&] { same[0] = ours(cp, bytes) == want; });
-  std::thread b([&] { same[1] = ours(cp, bytes) == want; });
-  a.join();
-  b.join();
-  EXPECT_TRUE(same[0]);
-  EXPECT_TRUE(same[1]);
 }
 
 TEST(NUVSysCodePage, EnvironmentConverterFollowsTheLanguage) {
