@@ -15,6 +15,8 @@
 #include <sstream>
 #include <string>
 
+#include "TestSupport.h"
+
 namespace {
 
 using Rep = KELInterUnicodeString;
@@ -86,18 +88,16 @@ TEST(KELStringDeathTest, StageAndSuppressionAsReadFromTheEnvironment) {
                {"FALSE", nullptr, "^<4>$"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
-    c.stage ? setenv("KELDevelopmentStage", c.stage, 1) : unsetenv("KELDevelopmentStage");
-    c.suppress ? setenv("KELStringWarningSuppress", c.suppress, 1) : unsetenv("KELStringWarningSuppress");
-    EXPECT_EXIT(
-        {
-          std::fflush(stdout);
-          dup2(2, 1);
-          KELString s("caf\xE9");
-          std::fflush(stdout);
-          std::fprintf(stderr, "<%d>", s.Length());
-          std::exit(0);
-        },
-        testing::ExitedWithCode(0), c.expected);
+    setEnv("KELDevelopmentStage", c.stage);
+    setEnv("KELStringWarningSuppress", c.suppress);
+    EXPECT_EXIT(runThenExit([] {
+                  std::fflush(stdout);
+                  dup2(2, 1);
+                  KELString s("caf\xE9");
+                  std::fflush(stdout);
+                  std::fprintf(stderr, "<%d>", s.Length());
+                }),
+                testing::ExitedWithCode(0), c.expected);
   }
   unsetenv("KELDevelopmentStage");
   unsetenv("KELStringWarningSuppress");
@@ -175,11 +175,6 @@ TEST(KELStringTest, ConstructionAndKELSysUTF8Str) {
   EXPECT_EQ("\xE9t\xE9", str(s));
   EXPECT_EQ(E_FAIL, KELSysUTF8Str(&s, empty));
   EXPECT_TRUE(s.IsNull());
-
-  void* id = KELString::ClassId();
-  EXPECT_EQ(id, KELString::ClassId());
-  EXPECT_EQ(nullptr, static_cast<void**>(id)[0]);
-  EXPECT_EQ(nullptr, static_cast<void**>(id)[1]);
 }
 
 TEST(KELStringTest, NullHandleIsReportedAndTreatedAsEmpty) {
@@ -264,8 +259,6 @@ TEST(KELStringTest, FindPositionBoundaries) {
   } cases[] = {{"", 0, 0},   {"", 5, 5},      {"", 6, -1},     {"", -1, -1},     {"ab", 0, 0}, {"ab", 1, 3},
                {"ab", 4, -1}, {"b", 4, 4},    {"abcab", 0, 0}, {"abcabc", 0, -1}, {"x", 0, -1}, {"cab", 2, 2}};
   for (const auto& c : cases) EXPECT_EQ(c.result, s.FindPosition(c.sub, c.start)) << c.sub << " @" << c.start;
-  EXPECT_EQ(3, KELString("abc").FindPosition("", 3));
-  EXPECT_EQ(-1, KELString("abc").FindPosition("", 4));
   EXPECT_EQ(1, s.index("bc"));
 }
 
