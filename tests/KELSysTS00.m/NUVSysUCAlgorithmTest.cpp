@@ -1,5 +1,7 @@
 // Behaviour of the public UTF transforms and hashes that callers rely on,
-// including the lenient and boundary cases kept for compatibility.
+// including the lenient and boundary cases kept for compatibility. Chunked
+// conversion on arbitrary input is the fuzz targets utf8_to_utf16 and
+// utf16_to_utf8's.
 #include "NUVSysUCAlgorithm.h"
 #include "NUVSysCodePage.h"
 
@@ -193,61 +195,29 @@ TEST(NUVSysUCAlgorithm, BoundedConversionResults) {
   EXPECT_EQ(0ul, ulen);
 }
 
-TEST(NUVSysUCAlgorithm, ChunkedConversionReassemblesTheWhole) {
-  std::mt19937 rng(7);
-  for (int round = 0; round < 200; ++round) {
-    SCOPED_TRACE(round);
-    const std::string s = mixedUtf8(rng, 1 + rng() % 900);
-    const U16 w = mixedUtf16(rng, 1 + rng() % 600);
-    const unsigned cap = 4 + rng() % 300;
-    U16 units, buf16(cap);
-    std::string bytes, buf8(cap, '\0');
-    const char* p = s.data();
-    int len = static_cast<int>(s.size());
-    while (p) {
-      const unsigned n = Alg::ConvertUTF8ToUTF16(p, len, buf16.data(), cap);
-      ASSERT_TRUE(n <= cap && (n > 0 || !p) && (!p || len > 0));
-      units.insert(units.end(), buf16.begin(), buf16.begin() + n);
-    }
-    ASSERT_EQ(ours8to16(s), units);
-    const unsigned short* q = w.data();
-    len = static_cast<int>(w.size());
-    while (q) {
-      const unsigned n = Alg::ConvertUTF16ToUTF8(q, len, &buf8[0], cap);
-      ASSERT_TRUE(n <= cap && (n > 0 || !q) && (!q || len > 0));
-      bytes.append(buf8.data(), n);
-    }
-    ASSERT_EQ(ours16to8(w), bytes);
-    q = w.data();
-    len = static_cast<int>(w.size());
-    ASSERT_EQ(bytes.size(), Alg::ConvertUTF16ToUTF8(q, len, nullptr, 0));
-  }
-}
-
 TEST(NUVSysUCAlgorithm, LegacyDecoderStatuses) {
-  unsigned short out[16];
+  const struct {
+    std::string bytes;
+    int status, n;
+    U16 units;
+  } cases[] = {
+      {"\xF0\x9F\x98\x80", 0, 1, {'?'}},  // beyond the BMP
+      {"\xE2", -2, 0, {}},                 // cut
+      {"ab\xF0\x9F", -2, 2, {'a', 'b'}},
+      {"\xC3", 0, 1, {(0xC3u << 6) - 0x3080u}},  // a two-byte lead last reads the terminating NUL
+      {"a\xC3\xA9\xE2\x82\xAC", 0, 3, {'a', 0xE9, 0x20AC}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    U16 out(16);
+    int n = -7;
+    EXPECT_EQ(c.status, Alg::ConvertUTF8ToUCS2Legacy(c.bytes.c_str(), c.bytes.size(), out.data(), &n));
+    EXPECT_EQ(c.n, n);
+    EXPECT_EQ(c.units, U16(out.begin(), out.begin() + static_cast<long>(c.units.size())));
+  }
   int n = -7;
   EXPECT_EQ(-1, Alg::ConvertUTF8ToUCS2Legacy("abc", 3, nullptr, &n));
   EXPECT_EQ(-7, n);  // untouched on -1
-
-  EXPECT_EQ(0, Alg::ConvertUTF8ToUCS2Legacy("\xF0\x9F\x98\x80", 4, out, &n));
-  EXPECT_EQ(1, n);
-  EXPECT_EQ('?', out[0]);
-
-  EXPECT_EQ(-2, Alg::ConvertUTF8ToUCS2Legacy("\xE2", 1, out, &n));
-  EXPECT_EQ(0, n);
-  EXPECT_EQ(-2, Alg::ConvertUTF8ToUCS2Legacy("ab\xF0\x9F", 4, out, &n));
-  EXPECT_EQ(2, n);
-
-  // The boundary: a two-byte lead as the last byte reads the terminating NUL.
-  EXPECT_EQ(0, Alg::ConvertUTF8ToUCS2Legacy("\xC3", 1, out, &n));
-  EXPECT_EQ(1, n);
-  EXPECT_EQ((0xC3u << 6) - 0x3080u, out[0]);
-
-  EXPECT_EQ(0, Alg::ConvertUTF8ToUCS2Legacy("a\xC3\xA9\xE2\x82\xAC", 6, out, &n));
-  ASSERT_EQ(3, n);
-  EXPECT_EQ(0xE9, out[1]);
-  EXPECT_EQ(0x20AC, out[2]);
 }
 
 TEST(NUVSysUCAlgorithm, ValidationAndCharacterLength) {
