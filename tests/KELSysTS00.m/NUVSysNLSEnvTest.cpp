@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
+
 namespace {
 
 struct Detection {
@@ -18,14 +20,6 @@ struct Detection {
   const char* lang;
   const char* expected;  // "<code page>|<locale entry>"
 };
-
-void setOrUnset(const char* name, const char* value) {
-  if (value != nullptr) {
-    setenv(name, value, 1);
-  } else {
-    unsetenv(name);
-  }
-}
 
 TEST(NUVSysNLSEnvDeathTest, DetectionFollowsThePosixPrecedence) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: detection runs once
@@ -40,17 +34,15 @@ TEST(NUVSysNLSEnvDeathTest, DetectionFollowsThePosixPrecedence) {
       {nullptr, nullptr, "xx_YY", "UTF-8|xx_YY"},  // no codeset, not installed
   };
   for (const Detection& c : cases) {
-    EXPECT_EXIT(
-        {
-          setOrUnset("LC_ALL", c.lcAll);
-          setOrUnset("LC_CTYPE", c.lcCtype);
-          setOrUnset("LANG", c.lang);
-          NUVSysNLSEnv env;
-          GetEnvNLSData(env);
-          std::fprintf(stderr, "<%s|%s>", env.codePage, env.localeEntry);
-          std::exit(0);
-        },
-        testing::ExitedWithCode(0), std::string("<") + c.expected + ">")
+    EXPECT_EXIT(runThenExit([&] {
+                  setEnv("LC_ALL", c.lcAll);
+                  setEnv("LC_CTYPE", c.lcCtype);
+                  setEnv("LANG", c.lang);
+                  NUVSysNLSEnv env;
+                  GetEnvNLSData(env);
+                  std::fprintf(stderr, "<%s|%s>", env.codePage, env.localeEntry);
+                }),
+                testing::ExitedWithCode(0), std::string("<") + c.expected + ">")
         << (c.lang ? c.lang : "(no LANG)");
   }
 }
@@ -93,21 +85,17 @@ TEST(NUVSysNLSEnv, ChangeOfLanguageCallsEveryCallbackOnce) {
 
 TEST(NUVSysNLSEnvDeathTest, LogWriterIsSwitchedByTheTraceVariable) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        setenv("NUVSysNLSCoreTrace", "1", 1);
-        LogNLSCore(stderr, "line %d\n", 7);
-        std::exit(0);
-      },
-      testing::ExitedWithCode(0), "^\\[PID:[0-9]+\\]line 7\n\n$");
-  EXPECT_EXIT(
-      {
-        setenv("NUVSysNLSCoreTrace", "256", 1);  // low 8 bits are 0
-        LogNLSCore(stderr, "hidden");
-        std::fprintf(stderr, "end");
-        std::exit(0);
-      },
-      testing::ExitedWithCode(0), "^end$");
+  EXPECT_EXIT(runThenExit([] {
+                setenv("NUVSysNLSCoreTrace", "1", 1);
+                LogNLSCore(stderr, "line %d\n", 7);
+              }),
+              testing::ExitedWithCode(0), "^\\[PID:[0-9]+\\]line 7\n\n$");
+  EXPECT_EXIT(runThenExit([] {
+                setenv("NUVSysNLSCoreTrace", "256", 1);  // low 8 bits are 0
+                LogNLSCore(stderr, "hidden");
+                std::fprintf(stderr, "end");
+              }),
+              testing::ExitedWithCode(0), "^end$");
 }
 
 }  // namespace
