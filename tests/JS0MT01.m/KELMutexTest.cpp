@@ -174,33 +174,34 @@ TEST(NUVCreate, OnceOnlyUnderARace) {
   raceCreation<KELResourceLock>(NUVCreateResourceLock);
 }
 
+// Mode 1 makes the object only into a null pointer, mode 0 always (the old
+// object stays the caller's), any other mode does nothing.
+template <class T, class Create>
+void checkModes(Create create) {
+  T* p = nullptr;
+  for (unsigned mode : {2u, 7u}) create(p, mode);
+  EXPECT_EQ(p, nullptr);
+  create(p, 1);
+  ASSERT_NE(p, nullptr);
+  T* const first = p;
+  create(p, 1);
+  EXPECT_EQ(p, first);
+  create(p, 0);
+  EXPECT_NE(p, first);
+  delete first;
+  delete p;
+}
+
 TEST(NUVCreate, Modes) {
+  checkModes<KELMutex>(NUVCreateMutex);
+  checkModes<KELResourceLock>(NUVCreateResourceLock);
   KELMutex* m = nullptr;
-  NUVCreateMutex(m, 2);
-  EXPECT_EQ(m, nullptr);
-  NUVCreateMutex(m, 1);
-  ASSERT_NE(m, nullptr);
-  KELMutex* const first = m;
-  NUVCreateMutex(m, 1);
-  EXPECT_EQ(m, first);
-  NUVCreateMutex(m, 0);  // overwrites; the old object stays the caller's
-  EXPECT_NE(m, first);
+  NUVCreateMutex(m, 0);
   EXPECT_EQ(m->Lock(), 0);
   EXPECT_EQ(m->Lock(), 0);  // made recursive
   m->Unlock();
   m->Unlock();
-  delete first;
   delete m;
-
-  KELResourceLock* l = nullptr;
-  NUVCreateResourceLock(l, 7);
-  EXPECT_EQ(l, nullptr);
-  NUVCreateResourceLock(l, 0);
-  ASSERT_NE(l, nullptr);
-  KELResourceLock* const firstLock = l;
-  NUVCreateResourceLock(l, 1);
-  EXPECT_EQ(l, firstLock);
-  delete l;
 }
 
 TEST(KELThreads, OneRecordPerThreadMadeOnRequest) {
