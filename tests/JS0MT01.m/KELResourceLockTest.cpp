@@ -18,42 +18,47 @@ using namespace std::chrono_literals;
 // Long enough for a thread that wrongly got through to have done so.
 constexpr auto kSettle = 50ms;
 
+// Runs `f` on another thread, which the test expects to block.
+class Blocked {
+ public:
+  template <class F>
+  explicit Blocked(F f) : thread_([this, f] {
+    f();
+    done_ = true;
+  }) {}
+  // Whether it got through within kSettle: it must not have.
+  bool gotThrough() {
+    std::this_thread::sleep_for(kSettle);
+    return done_;
+  }
+  void join() { thread_.join(); }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
 class KELResourceLockTest : public testing::TestWithParam<unsigned char> {};
 
 TEST_P(KELResourceLockTest, WriterWaitsForEveryReader) {
   KELResourceLock lock(GetParam());
   lock.ReadLock();
   lock.ReadLock();  // a second reader (readers never wait for readers)
-  std::atomic<bool> written{false};
-  std::thread writer([&] {
-    lock.WriteLock();
-    written = true;
-    lock.WriteUnlock();
-  });
-  std::this_thread::sleep_for(kSettle);
-  EXPECT_FALSE(written);
+  Blocked writer([&] { KELWriteLockGuard g(lock); });
+  EXPECT_FALSE(writer.gotThrough());
   lock.ReadUnlock();
-  std::this_thread::sleep_for(kSettle);
-  EXPECT_FALSE(written);
+  EXPECT_FALSE(writer.gotThrough());
   lock.ReadUnlock();
   writer.join();
-  EXPECT_TRUE(written);
 }
 
 TEST_P(KELResourceLockTest, ReaderWaitsForTheWriter) {
   KELResourceLock lock(GetParam());
   lock.WriteLock();
-  std::atomic<bool> read{false};
-  std::thread reader([&] {
-    lock.ReadLock();
-    read = true;
-    lock.ReadUnlock();
-  });
-  std::this_thread::sleep_for(kSettle);
-  EXPECT_FALSE(read);
+  Blocked reader([&] { KELReadLockGuard g(lock); });
+  EXPECT_FALSE(reader.gotThrough());
   lock.WriteUnlock();
   reader.join();
-  EXPECT_TRUE(read);
 }
 
 TEST_P(KELResourceLockTest, WriterMayNestReadsAndWrites) {
@@ -65,16 +70,10 @@ TEST_P(KELResourceLockTest, WriterMayNestReadsAndWrites) {
   lock.ReadLock();
   lock.ReadUnlock();
   lock.WriteUnlock();
-  std::atomic<bool> written{false};
-  std::thread other([&] {
-    KELWriteLockGuard g(lock);
-    written = true;
-  });
-  std::this_thread::sleep_for(kSettle);
-  EXPECT_FALSE(written);  // still held once
+  Blocked other([&] { KELWriteLockGuard g(lock); });
+  EXPECT_FALSE(other.gotThrough());  // still held once
   lock.WriteUnlock();
   other.join();
-  EXPECT_TRUE(written);
 }
 
 // Readers and writers hammer one lock; a writer must never share it and
