@@ -62,6 +62,9 @@ class SYSTEMTS_API KELMutex {
   static int (KELMutex::*TryLockF)();
 
  private:
+  // Calls its platform mutex directly (see NUVSysTSDataQueue.cpp).
+  friend class NUVSysTSDataQueue;
+
   KELMutexRealData* impl() const { return _impl.load(std::memory_order_acquire); }
 
   std::atomic<KELMutexRealData*> _impl;

@@ -35,6 +35,8 @@
 #include "NUVSysSemaphore.h"
 #include "SystemTSCommon.h"
 
+class KELMutexUnix;
+
 class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
  public:
   // Creates an empty queue with one reference (see the shapes above).
@@ -85,8 +87,10 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
 
   NUVSysTSDataQueue();
   bool Initialize(bool blocking, int capacity);
-  // Locks the mutex, retrying briefly before blocking on it.
+  // Locks and unlocks the mutex, through its platform mutex.
   void lock();
+  void unlock();
+  KELMutexUnix* platformMutex() const;
   // Under the mutex: a node for a new value, null when out of memory.
   Node* newNode();
   // Under the mutex: takes back the node of a value that left the queue.
