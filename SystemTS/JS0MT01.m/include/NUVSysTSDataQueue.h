@@ -89,8 +89,8 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   bool Initialize(bool blocking, int capacity);
   // Locks and unlocks the mutex, through its platform mutex.
   void lock();
-  void unlock();
-  KELMutexUnix* platformMutex() const;
+  SYSTEMTS_HIDDEN void unlock();
+  SYSTEMTS_HIDDEN KELMutexUnix* platformMutex() const;
   // Under the mutex: a node for a new value, null when out of memory.
   Node* newNode();
   // Under the mutex: takes back the node of a value that left the queue.
