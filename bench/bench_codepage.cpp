@@ -26,6 +26,10 @@
 // ratios.py shows that speed-up too. It is the control group: how far glibc's
 // own converter modules scale on this machine (EUC-JP, say), against which
 // our converter's speed-up on the same code page is read.
+// cp_threads_memcpy_to16/<corpus>/{ours, one_thread}/real_time copies the
+// corpus's UTF-16 text into the same output buffers instead of converting:
+// the speed-up two threads get from memory alone, which bounds that of a
+// conversion as fast as the single-byte ones.
 //
 // Every member of a corpus reports the code-page bytes of that corpus per
 // conversion, so bytes_per_second compare directly.
@@ -38,6 +42,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -222,6 +227,13 @@ void iconvFrom16(const Corpus& c, Room& r) {
   benchmark::ClobberMemory();
 }
 
+// Writes the corpus's UTF-16 text to the room as a conversion would, but as
+// a plain copy: no conversion at all, only the memory traffic.
+void copyTo16(const Corpus& c, Room& r) {
+  std::memcpy(r.u16.data(), c.utf16.data(), 2 * c.utf16.size());
+  benchmark::ClobberMemory();
+}
+
 template <typename Body>
 void add(const std::string& name, const Corpus& c, Body body) {
   benchmark::RegisterBenchmark(name.c_str(),
@@ -340,6 +352,7 @@ void registerAll() {
     addThreadPair<oursFrom16>("cp_threads_from16/", c);
     addThreadPair<iconvTo16>("cp_threads_iconv_to16/", c);
     addThreadPair<iconvFrom16>("cp_threads_iconv_from16/", c);
+    addThreadPair<copyTo16>("cp_threads_memcpy_to16/", c);
   }
 }
 
