@@ -10,7 +10,7 @@
 // slower in lookups on current processors: it needs that constant loaded
 // before the bucket's address is known.
 //
-// The storage field holds the block's address with its lowest bit set when
+// The storage field holds the heads' address with its lowest bit set when
 // the table uses the pointer-set functions (malloc blocks are at least 8-byte
 // aligned, so the bit is free): the inline path is then chosen from the one
 // field a lookup reads first, without another memory access.
@@ -56,7 +56,7 @@ struct CallerOps {
 size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*) + sizeof(uint64_t); }
 uint64_t* leadOf(Entry** heads, uint32_t buckets) { return reinterpret_cast<uint64_t*>(heads + size_t{buckets} * 3); }
 
-// The storage field: the block's address, its lowest bit set for pointer sets.
+// The storage field: the heads' address, its lowest bit set for pointer sets.
 constexpr uintptr_t kPointerSetBit = 1;
 static_assert(alignof(std::max_align_t) > kPointerSetBit, "malloc blocks leave the lowest bit free");
 Entry** tagged(Entry** block, bool pointerSet) {

@@ -53,7 +53,6 @@ constexpr int kLargestCount = 0x7fffffff;
 // through this type are direct, not virtual.
 NUVSysSemaphoreImpl* plain(NUVSysSemaphore* s) { return static_cast<NUVSysSemaphoreImpl*>(s); }
 
-
 }  // namespace
 
 NUVSysTSDataQueue::NUVSysTSDataQueue() : _refCount(1), _mutex(0, 0, 0) {}
