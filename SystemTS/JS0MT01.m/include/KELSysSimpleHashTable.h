@@ -4,6 +4,8 @@
 #ifndef KELSYSSIMPLEHASHTABLE_H
 #define KELSYSSIMPLEHASHTABLE_H
 
+#include <cstdint>
+
 #include "SystemTSCommon.h"
 
 namespace systemts::detail {
@@ -41,6 +43,15 @@ SYSTEMTS_API int KELSimpleHashCompare(void* a, void* b);
 //   KELSimpleHashCompare.
 // - When both functions are KELSimpleHashIt and KELSimpleHashCompare, the
 //   table computes them inline instead of calling them; results are the same.
+// - For such pointer sets, Locate and LocateBucket are compiled into the
+//   caller (the functions below). A lookup in a large table is two dependent
+//   cache misses and a handful of instructions, and a call into the shared
+//   object per lookup measured about half again as long: the processor keeps
+//   fewer lookups in flight across calls. Other tables take one call, as
+//   before. The price is that the block layout below, the tag bit and the
+//   bucket rule (hash % bucket count) are part of the binary interface: a
+//   change to any of them changes the library's major version. The two
+//   functions stay exported for callers that take their address.
 // - The object keeps its five documented fields and its size. The storage
 //   field points at the bucket heads, with its lowest bit set (malloc blocks
 //   leave it free) when the functions are the pointer-set ones; the block
@@ -94,10 +105,19 @@ class SYSTEMTS_API KELSysSimpleHashTable {
   void* Remove(void* item);
 
   // The stored item equal to `item`, or null.
-  void* Locate(void* item) const;
+  SYSTEMTS_API void* Locate(void* item) const {
+    const uintptr_t storage = reinterpret_cast<uintptr_t>(_storage);
+    // An equal stored pointer is `item` itself: no load of it.
+    if (storage & 1) return FindPointer(storage, item) != nullptr ? item : nullptr;
+    const Entry* e = Find(item);
+    return e != nullptr ? e->item : nullptr;
+  }
   // The entry holding the item equal to `item`, or null. The entry belongs to
   // the table and is valid until the next insertion or removal.
-  Entry* LocateBucket(void* item) const;
+  SYSTEMTS_API Entry* LocateBucket(void* item) const {
+    const uintptr_t storage = reinterpret_cast<uintptr_t>(_storage);
+    return const_cast<Entry*>(storage & 1 ? FindPointer(storage, item) : Find(item));
+  }
   // The first non-null stored item of bucket `key` modulo the bucket count
   // whose hash equals `key`, or null.
   void* KeyLocate(unsigned int key) const;
@@ -135,6 +155,18 @@ class SYSTEMTS_API KELSysSimpleHashTable {
 
  private:
   friend struct systemts::detail::SimpleHashCore;
+
+  // The lookup of a pointer set, from its tagged storage field (lowest bit
+  // set): bucket heads at the untagged address, entries right after them.
+  const Entry* FindPointer(uintptr_t storage, void* item) const {
+    Entry* const* heads = reinterpret_cast<Entry* const*>(storage - 1);
+    const uint32_t hash = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(item) >> 3);
+    for (const Entry* e = heads[hash % static_cast<uint32_t>(_bucketCount)]; e != nullptr; e = e->next)
+      if (e->item == item) return e;
+    return nullptr;
+  }
+  // The lookup of any table, with its own functions; null without storage.
+  const Entry* Find(void* item) const;
 
   int (*_equal)(void*, void*);
   unsigned int (*_hash)(void*);

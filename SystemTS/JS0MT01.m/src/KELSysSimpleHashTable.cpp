@@ -177,13 +177,6 @@ struct SimpleHashCore {
     if (pointerSetView(t, &v)) return find(v, item, PointerOps{}).entry;
     return locateSlow(t, item);
   }
-  static void* locateItem(const KELSysSimpleHashTable& t, void* item) {
-    View v;
-    // An equal stored pointer is `item` itself: no load of it.
-    if (pointerSetView(t, &v)) return find(v, item, PointerOps{}).entry != nullptr ? item : nullptr;
-    const Entry* e = locateSlow(t, item);
-    return e != nullptr ? e->item : nullptr;
-  }
 
   // Result of an insertion: status 1 added, 0 present, -1 could not grow;
   // kFull (only from tryInsert) when the table must grow first.
@@ -355,11 +348,16 @@ void* KELSysSimpleHashTable::InsertAndReturn(void* item) { return SimpleHashCore
 
 void* KELSysSimpleHashTable::Remove(void* item) { return SimpleHashCore::remove(*this, item); }
 
-void* KELSysSimpleHashTable::Locate(void* item) const { return SimpleHashCore::locateItem(*this, item); }
-
-KELSysSimpleHashTable::Entry* KELSysSimpleHashTable::LocateBucket(void* item) const {
-  return const_cast<Entry*>(SimpleHashCore::locate(*this, item));
+const KELSysSimpleHashTable::Entry* KELSysSimpleHashTable::Find(void* item) const {
+  return SimpleHashCore::locateSlow(*this, item);
 }
+
+// Locate and LocateBucket are inline in the header; these references make the
+// library carry (and export) a copy of each as well.
+[[maybe_unused]] __attribute__((used)) static void* (KELSysSimpleHashTable::*const kLocate)(void*) const =
+    &KELSysSimpleHashTable::Locate;
+[[maybe_unused]] __attribute__((used)) static KELSysSimpleHashTable::Entry* (
+    KELSysSimpleHashTable::*const kLocateBucket)(void*) const = &KELSysSimpleHashTable::LocateBucket;
 
 void* KELSysSimpleHashTable::KeyLocate(unsigned int key) const {
   if (_storage == nullptr) return nullptr;
