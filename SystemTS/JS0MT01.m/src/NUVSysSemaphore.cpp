@@ -14,11 +14,6 @@ namespace {
 
 constexpr int32_t kLargestMax = 0x7fffffff;
 
-// How many times a waiter tries again before it sleeps. A hand-off between
-// two running threads takes well under a microsecond, a sleep and wake-up
-// several; this spin lasts a few microseconds at most.
-constexpr int kSpinTries = 128;
-
 int errnoResult() { return SystemTSResultFromErrno(errno); }
 
 // The real-time clock now plus `ms`, as an absolute deadline for
@@ -81,8 +76,8 @@ int NUVSysSemaphore::DecreaseCount(int n) {
 
 // ---- NUVSysSemaphoreImpl ----
 
-NUVSysSemaphoreImpl::NUVSysSemaphoreImpl(int maxCount, int initialCount)
-    : _currentCount(initialCount), _maxCount(maxCount) {
+NUVSysSemaphoreImpl::NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries)
+    : _currentCount(initialCount), _maxCount(maxCount), _spinTries(spinTries) {
   // The POSIX count stays 0 but for hand-offs to sleeping threads.
   if (sem_init(&_sem, 0, 0) == 0) _initialised = 1;
 }
@@ -102,7 +97,7 @@ bool NUVSysSemaphoreImpl::tryTake() {
 }
 
 bool NUVSysSemaphoreImpl::spinTake() {
-  for (int i = 0; i < kSpinTries; ++i) {
+  for (int32_t i = 0; i < _spinTries; ++i) {
     if (tryTake()) return true;
     systemts::detail::cpuRelax();
   }

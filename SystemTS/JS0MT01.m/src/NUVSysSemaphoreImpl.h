@@ -42,9 +42,16 @@ inline void cpuRelax() {
 //     handed it a unit, and it takes the matching post and returns 0.
 // So posts always equal hand-offs, `_sem` never holds stale posts, and a
 // Signal with nobody waiting is one atomic operation and no system call.
+//
+// A waiter that finds no unit retries `spinTries` times before it sleeps
+// (kDefaultSpinTries unless its creator says otherwise).
 class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
  public:
-  NUVSysSemaphoreImpl(int maxCount, int initialCount);
+  // A hand-off between two running threads takes well under a microsecond, a
+  // sleep and wake-up several; this spin lasts a few microseconds at most.
+  static constexpr int32_t kDefaultSpinTries = 128;
+
+  NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries = kDefaultSpinTries);
   ~NUVSysSemaphoreImpl() override;
 
   // True when the POSIX semaphore was initialised; a semaphore that is not
@@ -70,6 +77,7 @@ class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
   int32_t _initialised = 0;
   std::atomic<int32_t> _currentCount;
   int32_t _maxCount;
+  int32_t _spinTries;
 };
 
 // The variable-count kind (1): the count under a mutex, waiters on a
