@@ -62,7 +62,8 @@ class SYSTEMTS_API KELMutex {
   static int (KELMutex::*TryLockF)();
 
  private:
-  // Calls its platform mutex directly (see NUVSysTSDataQueue.cpp).
+  // Builds its platform mutex in place and calls it directly (see
+  // NUVSysTSDataQueue.cpp).
   friend class NUVSysTSDataQueue;
 
   KELMutexRealData* impl() const { return _impl.load(std::memory_order_acquire); }

@@ -111,6 +111,10 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   uint32_t _slabNext = 0;             // its next node not handed out yet
   Slab* _spareSlabs = nullptr;        // emptied slabs kept for reuse
   uint32_t _spareSlabCount = 0;
+  // Where the platform mutex of _mutex and the items semaphore are built, at
+  // offsets chosen so that the words a giver and a taker both change on
+  // every value share one cache line (see NUVSysTSDataQueue.cpp).
+  alignas(64) unsigned char _inPlace[192];
 };
 
 #endif  // NUVSYSTSDATAQUEUE_H
