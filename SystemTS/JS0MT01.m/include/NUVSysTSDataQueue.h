@@ -84,6 +84,7 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
  private:
   struct Node;
   struct Slab;
+  struct Chain;
 
   NUVSysTSDataQueue();
   bool Initialize(bool blocking, int capacity);
@@ -95,14 +96,13 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   Node* newNode();
   // Under the mutex: takes back the node of a value that left the queue.
   void recycle(Node* node);
+  // The chain of values and its length, kept in _inPlace.
+  SYSTEMTS_HIDDEN Chain& chain();
 
   std::atomic<int32_t> _refCount;
   KELMutex _mutex;
   NUVSysSemaphore* _items = nullptr;  // values that may be taken
   NUVSysSemaphore* _space = nullptr;  // free places of a bounded queue
-  Node* _head = nullptr;
-  Node* _tail = nullptr;
-  uint32_t _count = 0;
   int32_t _capacity = -1;             // -1: unbounded
   // Nodes come from slabs of consecutive nodes, handed out in order and
   // reused whole once all their nodes are back, so that values crossing
@@ -111,9 +111,10 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   uint32_t _slabNext = 0;             // its next node not handed out yet
   Slab* _spareSlabs = nullptr;        // emptied slabs kept for reuse
   uint32_t _spareSlabCount = 0;
-  // Where the platform mutex of _mutex and the items semaphore are built, at
-  // offsets chosen so that the words a giver and a taker both change on
-  // every value share one cache line (see NUVSysTSDataQueue.cpp).
+  // The items semaphore, the chain of values (head, tail, count) and the
+  // platform mutex of _mutex, built here at offsets chosen so that the words
+  // a giver and a taker both change on every value share one cache line (see
+  // NUVSysTSDataQueue.cpp).
   alignas(64) unsigned char _inPlace[192];
 };
 

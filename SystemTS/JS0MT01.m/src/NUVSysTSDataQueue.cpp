@@ -16,6 +16,13 @@ struct NUVSysTSDataQueue::Node {
   Node* next;
 };
 
+// The values in the queue, oldest at the head. Guarded by the mutex.
+struct NUVSysTSDataQueue::Chain {
+  Node* head = nullptr;
+  Node* tail = nullptr;
+  uint32_t count = 0;
+};
+
 // A slab is kBytes long and aligned on kBytes, so the slab of a node is found
 // by masking the node's address. Its first node-sized slot holds this header,
 // the others are nodes.
@@ -53,18 +60,26 @@ constexpr int kLargestCount = 0x7fffffff;
 // through this type are direct, not virtual.
 NUVSysSemaphoreImpl* plain(NUVSysSemaphore* s) { return static_cast<NUVSysSemaphoreImpl*>(s); }
 
-// Every value a giver hands to a taker changes the items semaphore's count
-// and the platform mutex's lock word, on both sides, and moving a cache line
-// between two processors costs hundreds of nanoseconds on some machines. The
-// two objects are therefore built in _inPlace (64-byte aligned) so that both
-// words fall in its second line: the semaphore at 32 puts its count (44
-// bytes in: vtable pointer, sem_t, one int) at 76, the mutex at 96 puts its
-// pthread lock word (after the vtable pointer) at 104. Left to the heap, the
-// two objects and the queue fell on three to five lines, differently from
-// one run to the next, and throughput varied with them by up to three times.
-constexpr size_t kItemsAt = 32;
-constexpr size_t kMutexAt = 96;
-static_assert(sizeof(NUVSysSemaphoreImpl) <= kMutexAt - kItemsAt, "the semaphore ends before the mutex");
+// Every value a giver hands to a taker changes, on both sides, the items
+// semaphore's count, the chain and the platform mutex's lock word and owner,
+// and moving a cache line between two processors costs hundreds of
+// nanoseconds on some machines. The three are therefore built in _inPlace
+// (64-byte aligned) so that all those words fall in its second line, bytes
+// 64 to 127:
+//   24  the semaphore: its count (44 bytes in, after the vtable pointer, the
+//       sem_t and one int) at 68, its maximum and spin setting after it;
+//       the sem_t, touched only to sleep and wake, in the first line;
+//   80  the chain: head, tail, count;
+//   104 the mutex: the pthread lock word, count, owner and user count (after
+//       the vtable pointer) at 112 to 127; the mutex kind, only read, and
+//       the unused list fields in the third line.
+// Left to the heap, these objects and the queue fell on three to five lines,
+// differently from one run to the next, and throughput varied with them by
+// up to three times.
+constexpr size_t kItemsAt = 24;
+constexpr size_t kChainAt = 80;
+constexpr size_t kMutexAt = 104;
+static_assert(sizeof(NUVSysSemaphoreImpl) <= kChainAt - kItemsAt, "the semaphore ends before the chain");
 static_assert(kMutexAt + sizeof(KELMutexUnix) <= 192, "the mutex fits in _inPlace");
 
 // The items semaphore does not spin before sleeping. A taker that spins on an
@@ -81,8 +96,12 @@ constexpr int32_t kItemsSpinTries = 0;
 // The mutex is made deferred, so KELMutex makes no platform mutex of its own;
 // the queue installs the one it builds in place.
 NUVSysTSDataQueue::NUVSysTSDataQueue() : _refCount(1), _mutex(0, 0, 1), _inPlace() {
+  static_assert(kChainAt + sizeof(Chain) <= kMutexAt, "the chain ends before the mutex");
+  new (_inPlace + kChainAt) Chain;
   _mutex._impl.store(new (_inPlace + kMutexAt) KELMutexUnix(0), std::memory_order_release);
 }
+
+NUVSysTSDataQueue::Chain& NUVSysTSDataQueue::chain() { return *reinterpret_cast<Chain*>(_inPlace + kChainAt); }
 
 NUVSysTSDataQueue::~NUVSysTSDataQueue() {
   if (_items != nullptr) plain(_items)->~NUVSysSemaphoreImpl();
@@ -92,7 +111,7 @@ NUVSysTSDataQueue::~NUVSysTSDataQueue() {
   // The values belong to the caller: only the nodes are ours. Once the
   // chain's nodes are back, the slab new nodes came from is the only one
   // that is neither spare nor freed.
-  for (Node* node = _head; node != nullptr;) {
+  for (Node* node = chain().head; node != nullptr;) {
     Node* const next = node->next;
     recycle(node);
     node = next;
@@ -190,8 +209,9 @@ int NUVSysTSDataQueue::PushFirst(void* value, int timeoutMs) {
     if (rc < 0) return -1;
     if (rc == 1) return 0;
   }
+  Chain& c = chain();
   lock();
-  if (_capacity > 0 && _count >= static_cast<uint32_t>(_capacity)) {
+  if (_capacity > 0 && c.count >= static_cast<uint32_t>(_capacity)) {
     // Room was granted but the queue is full: keeps the bound (see PopLast).
     unlock();
     return -1;
@@ -204,13 +224,13 @@ int NUVSysTSDataQueue::PushFirst(void* value, int timeoutMs) {
   }
   node->value = value;
   node->next = nullptr;
-  if (_tail != nullptr) {
-    _tail->next = node;
+  if (c.tail != nullptr) {
+    c.tail->next = node;
   } else {
-    _head = node;
+    c.head = node;
   }
-  _tail = node;
-  ++_count;
+  c.tail = node;
+  ++c.count;
   unlock();
   if (_items != nullptr) plain(_items)->Signal();
   return 1;
@@ -224,8 +244,9 @@ int NUVSysTSDataQueue::PopLast(void** out, int timeoutMs) {
     if (rc < 0) return -1;
     if (rc == 1) return 0;
   }
+  Chain& c = chain();
   lock();
-  Node* node = _head;
+  Node* node = c.head;
   if (node == nullptr) {
     unlock();
     // Nothing there. A bounded queue gives a place back all the same; its
@@ -234,9 +255,9 @@ int NUVSysTSDataQueue::PopLast(void** out, int timeoutMs) {
     if (_space != nullptr) plain(_space)->Signal();
     return -1;
   }
-  _head = node->next;
-  if (_head == nullptr) _tail = nullptr;
-  --_count;
+  c.head = node->next;
+  if (c.head == nullptr) c.tail = nullptr;
+  --c.count;
   void* const value = node->value;
   recycle(node);
   unlock();
