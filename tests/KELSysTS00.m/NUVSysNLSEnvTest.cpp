@@ -14,26 +14,17 @@
 
 namespace {
 
-struct Detection {
-  const char* lcAll;
-  const char* lcCtype;
-  const char* lang;
-  const char* expected;  // "<code page>|<locale entry>"
-};
-
 TEST(NUVSysNLSEnvDeathTest, DetectionFollowsThePosixPrecedence) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: detection runs once
-  const Detection cases[] = {
-      {nullptr, nullptr, nullptr, "UTF-8|C"},
-      {"", "", "POSIX", "UTF-8|C"},
-      {nullptr, nullptr, "fr_FR.ISO-8859-1", "ISO-8859-1|fr_FR"},
-      {"ja_JP.eucJP", "ko_KR.EUC-KR", "fr_FR.UTF-8", "EUC-JP|ja_JP"},
-      {"", "de_DE.utf8", "ja_JP.SJIS", "UTF-8|de_DE"},
-      {nullptr, "C", "zh_CN.GB18030@stroke", "UTF-8|C"},
+  // The variables LC_ALL, LC_CTYPE and LANG, then "<code page>|<locale entry>".
+  const struct { const char *lcAll, *lcCtype, *lang, *expected; } cases[] = {
+      {nullptr, nullptr, nullptr, "UTF-8|C"}, {"", "", "POSIX", "UTF-8|C"},
+      {nullptr, nullptr, "fr_FR.ISO-8859-1", "ISO-8859-1|fr_FR"}, {"", "de_DE.utf8", "ja_JP.SJIS", "UTF-8|de_DE"},
+      {"ja_JP.eucJP", "ko_KR.EUC-KR", "fr_FR.UTF-8", "EUC-JP|ja_JP"}, {nullptr, "C", "zh_CN.GB18030@stroke", "UTF-8|C"},
       {nullptr, nullptr, "zh_CN.gb18030@stroke", "GB18030|zh_CN"},
       {nullptr, nullptr, "xx_YY", "UTF-8|xx_YY"},  // no codeset, not installed
   };
-  for (const Detection& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_EXIT(runThenExit([&] {
                   setEnv("LC_ALL", c.lcAll);
                   setEnv("LC_CTYPE", c.lcCtype);
@@ -47,19 +38,15 @@ TEST(NUVSysNLSEnvDeathTest, DetectionFollowsThePosixPrecedence) {
   }
 }
 
+// How names are matched and sized, one of each kind; the table of known
+// names itself is not repeated here.
 TEST(NUVSysNLSEnv, CodePageNamesAndCharacterSizes) {
-  struct Case {
-    const char* locale;
-    const char* codePage;
-    int maxSize;
-  } const cases[] = {
-      {"en_US.utf8", "UTF-8", 4},        {"zh_CN.GB18030", "GB18030", 4},  {"ja_JP.eucjp", "EUC-JP", 3},
-      {"ja_JP.SJIS", "SHIFT_JIS", 2},    {"ja_JP.Shift_JIS", "SHIFT_JIS", 2}, {"zh_TW.Big5", "BIG5", 2},
-      {"ko_KR.euckr", "EUC-KR", 2},      {"zh_TW.euctw", "EUC-TW", 4},     {"de_DE.iso88591", "ISO-8859-1", 1},
-      {"pl_PL.ISO_8859-2", "ISO-8859-2", 1}, {"de_DE.cp1252", "CP1252", 1}, {"ru_RU.KOI8-R", "KOI8-R", 1},
-      {"xx_XX.MYSTERY", "MYSTERY", 4},   {"C", "UTF-8", 4},
+  const struct { const char* locale; const char* codePage; int maxSize; } cases[] = {
+      {"en_US.utf8", "UTF-8", 4},     {"ja_JP.eucjp", "EUC-JP", 3},          {"ja_JP.Shift_JIS", "SHIFT_JIS", 2},
+      {"de_DE.iso88591", "ISO-8859-1", 1}, {"pl_PL.ISO_8859-2", "ISO-8859-2", 1}, {"de_DE.windows-1252", "CP1252", 1},
+      {"xx_XX.MYSTERY", "MYSTERY", 4}, {"C", "UTF-8", 4},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     ASSERT_EQ(NLSCoreChangeLanguage(c.locale), 0);
     NUVSysNLSEnv env;
     GetEnvNLSData(env);

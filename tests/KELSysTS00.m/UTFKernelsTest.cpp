@@ -32,22 +32,27 @@ std::vector<uint8_t> randomText(std::mt19937& rng, size_t n) {
   return s;
 }
 
-std::vector<uint16_t> reference8to16(const std::vector<uint8_t>& s) {
-  std::vector<uint16_t> out(2 * s.size() + 2);
-  const uint8_t* p = s.data();
-  uint16_t* o = out.data();
-  while (p < s.data() + s.size()) o = appendUtf16(decodeUtf8(p, s.data() + s.size()), o);
-  out.resize(static_cast<size_t>(o - out.data()));
-  return out;
+// The character steps from `p` on, stored from `o` on: the reference, and
+// what finishes a kernel's work.
+uint16_t* steps(const uint8_t* p, const uint8_t* end, uint16_t* o) {
+  while (p < end) o = appendUtf16(decodeUtf8(p, end), o);
+  return o;
 }
 
-std::vector<uint8_t> reference16to8(const std::vector<uint16_t>& u) {
-  std::vector<uint8_t> out(3 * u.size() + 4);
-  const uint16_t* p = u.data();
-  uint8_t* o = out.data();
-  while (p < u.data() + u.size()) o = appendUtf8(decodeUtf16(p, u.data() + u.size()), o);
-  out.resize(static_cast<size_t>(o - out.data()));
-  return out;
+uint8_t* steps(const uint16_t* p, const uint16_t* end, uint8_t* o) {
+  while (p < end) o = appendUtf8(decodeUtf16(p, end), o);
+  return o;
+}
+
+// One kernel call with `room` (SIZE_MAX: ample): nothing stored past the
+// room, and the steps from where it stopped give exactly `want`.
+template <typename Kernel, typename In, typename Out>
+void check(Kernel kernel, const std::vector<In>& in, const std::vector<Out>& want, size_t room) {
+  const Out fill = static_cast<Out>(0xAAAA);
+  std::vector<Out> buf(want.size() + 64, fill);
+  const auto r = kernel(in.data(), in.data() + in.size(), buf.data(), room);
+  for (size_t i = room; i < buf.size(); ++i) ASSERT_EQ(fill, buf[i]) << "store past room at " << i;
+  ASSERT_EQ(want, std::vector<Out>(buf.data(), steps(r.in, in.data() + in.size(), r.out)));
 }
 
 std::vector<const UtfKernels*> kernelSets() {
@@ -62,35 +67,13 @@ TEST(UTFKernels, TranscodingMatchesTheCharacterSteps) {
     std::mt19937 rng(1234);
     for (int round = 0; round < 300; ++round) {
       const std::vector<uint8_t> s = randomText(rng, rng() % 2000);
-      const std::vector<uint16_t> want = reference8to16(s);
-      // Room anywhere from tiny to ample; the tail is finished by the steps.
-      const size_t room = rng() % 3 == 0 ? SIZE_MAX : rng() % (want.size() + 40);
-      const size_t bufSize = want.size() + 64;
-      std::vector<uint16_t> buf(bufSize, 0xAAAA);
-      const auto r = k->utf8To16(s.data(), s.data() + s.size(), buf.data(), room);
-      const size_t stored = static_cast<size_t>(r.out - buf.data());
-      if (room != SIZE_MAX) {
-        ASSERT_LE(stored, room);
-        for (size_t i = room; i < bufSize; ++i) ASSERT_EQ(0xAAAA, buf[i]) << "store past room at " << i;
-      }
-      // Stopped on a boundary: the steps from here give exactly the rest.
-      ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + static_cast<ptrdiff_t>(stored), want.begin()));
-      const uint8_t* p = r.in;
-      uint16_t* o = r.out;
-      while (p < s.data() + s.size()) o = appendUtf16(decodeUtf8(p, s.data() + s.size()), o);
-      ASSERT_EQ(want, std::vector<uint16_t>(buf.data(), o));
-
-      const std::vector<uint8_t> back = reference16to8(want);
-      const size_t room8 = rng() % 3 == 0 ? SIZE_MAX : rng() % (back.size() + 40);
-      std::vector<uint8_t> buf8(back.size() + 64, 0xAA);
-      const auto r8 = k->utf16To8(want.data(), want.data() + want.size(), buf8.data(), room8);
-      if (room8 != SIZE_MAX) {
-        for (size_t i = room8; i < buf8.size(); ++i) ASSERT_EQ(0xAA, buf8[i]) << "store past room at " << i;
-      }
-      const uint16_t* q = r8.in;
-      uint8_t* o8 = r8.out;
-      while (q < want.data() + want.size()) o8 = appendUtf8(decodeUtf16(q, want.data() + want.size()), o8);
-      ASSERT_EQ(back, std::vector<uint8_t>(buf8.data(), o8));
+      std::vector<uint16_t> u(2 * s.size() + 2);
+      u.resize(static_cast<size_t>(steps(s.data(), s.data() + s.size(), u.data()) - u.data()));
+      std::vector<uint8_t> back(3 * u.size() + 4);
+      back.resize(static_cast<size_t>(steps(u.data(), u.data() + u.size(), back.data()) - back.data()));
+      // Room anywhere from tiny to ample.
+      ASSERT_NO_FATAL_FAILURE(check(k->utf8To16, s, u, rng() % 3 == 0 ? SIZE_MAX : rng() % (u.size() + 40)));
+      ASSERT_NO_FATAL_FAILURE(check(k->utf16To8, u, back, rng() % 3 == 0 ? SIZE_MAX : rng() % (back.size() + 40)));
     }
   }
 }
