@@ -53,14 +53,29 @@ TEST(NUVSysCLocale, ThreadLCInstallsAndResetRestoresTheGlobalLocale) {
   EXPECT_FALSE(NUVSysCLocaleIsPerThread());
 }
 
-TEST(NUVSysCLocale, NestedSwitchesUnwindInOrder) {
+// Conventions come from the thread's locale, converted to wide strings; a
+// nested switch is undone in order.
+TEST(NUVSysCLocale, NestedSwitchesAndTheirConventions) {
+  NUVSysCLocale::LConv conv;
+  NUVSysCLocale::GetLCConv(conv);  // thread on the global "C" locale
+  ASSERT_NE(conv.decimal_point(), nullptr);
+  EXPECT_STREQ(conv.decimal_point(), L".");
+  EXPECT_STREQ(conv.thousands_sep(), L"");
+  EXPECT_NE(conv.frac_digits(), L'\0');  // "not available" in C, but filled
+
   if (!haveLocale(kCommaLocale)) GTEST_SKIP() << "locale " << kCommaLocale << " is not installed";
   int r = -1;
-  NUVSysCLocale::ThreadLC outer(LC_NUMERIC, kCommaLocale, &r);
+  NUVSysCLocale::ThreadLC outer(LC_ALL, kCommaLocale, &r);
   ASSERT_EQ(r, 0);
+  NUVSysCLocale::GetLCConv(conv);
+  EXPECT_STREQ(conv.decimal_point(), L",");
+  EXPECT_STREQ(conv.thousands_sep(), L".");
+  EXPECT_STREQ(conv.currency_symbol(), L"\u20ac");  // converted from UTF-8
+  EXPECT_STREQ(conv.int_curr_symbol(), L"EUR ");
+  EXPECT_EQ(conv.frac_digits(), L'\2');
   EXPECT_EQ(formatted(1.5), "1,5");
   {
-    NUVSysCLocale::ThreadLC inner(LC_ALL, "C", &r);  // every category
+    NUVSysCLocale::ThreadLC inner(LC_NUMERIC, "C", &r);
     ASSERT_EQ(r, 0);
     EXPECT_EQ(formatted(1.5), "1.5");
   }
@@ -68,6 +83,9 @@ TEST(NUVSysCLocale, NestedSwitchesUnwindInOrder) {
   outer.Reset();
   EXPECT_EQ(formatted(1.5), "1.5");
   EXPECT_EQ(uselocale(static_cast<locale_t>(nullptr)), LC_GLOBAL_LOCALE);
+  // Refilling forgets the old values and takes the current locale's.
+  NUVSysCLocale::GetLCConv(conv);
+  EXPECT_STREQ(conv.decimal_point(), L".");
 }
 
 // Two threads format numbers at once under different locales.
@@ -88,31 +106,6 @@ TEST(NUVSysCLocale, ThreadsKeepTheirOwnLocales) {
   point.join();
   EXPECT_TRUE(commaOk);
   EXPECT_TRUE(pointOk);
-}
-
-TEST(NUVSysCLocale, ConventionsPerThreadAreLazyAndGlobalAreEager) {
-  NUVSysCLocale::LConv global;
-  NUVSysCLocale::GetLCConv(global);  // thread on the global "C" locale
-  ASSERT_NE(global.decimal_point(), nullptr);
-  EXPECT_STREQ(global.decimal_point(), L".");
-  EXPECT_STREQ(global.thousands_sep(), L"");
-  EXPECT_NE(global.frac_digits(), L'\0');  // "not available" in C, but filled
-
-  if (!haveLocale(kCommaLocale)) GTEST_SKIP() << "locale " << kCommaLocale << " is not installed";
-  int r = -1;
-  NUVSysCLocale::ThreadLC lc(LC_ALL, kCommaLocale, &r);
-  ASSERT_EQ(r, 0);
-  NUVSysCLocale::LConv conv;
-  NUVSysCLocale::GetLCConv(conv);
-  EXPECT_STREQ(conv.decimal_point(), L",");
-  EXPECT_STREQ(conv.thousands_sep(), L".");
-  EXPECT_STREQ(conv.currency_symbol(), L"\u20ac");  // converted from UTF-8
-  EXPECT_STREQ(conv.int_curr_symbol(), L"EUR ");
-  EXPECT_EQ(conv.frac_digits(), L'\2');
-  // Refilling forgets the old values and takes the current locale's.
-  lc.Reset();
-  NUVSysCLocale::GetLCConv(conv);
-  EXPECT_STREQ(conv.decimal_point(), L".");
 }
 
 TEST(NUVSysCLocale, LocaleStringFromLanguageEntry) {
