@@ -141,8 +141,7 @@ TEST(NUVSysCodePage, SingleBytePagesGiveExactlyWhatIconvGives) {
     SCOPED_TRACE(page);
     NUVSysCodePage cp(page);
     const IconvPair ref(page);
-    ASSERT_TRUE(ref.valid());
-    ASSERT_TRUE(cp.IsValid());
+    ASSERT_TRUE(ref.valid() && cp.IsValid());
     for (const std::string& text : byteTexts()) {
       SCOPED_TRACE(text.size());
       EXPECT_EQ(iconvTo16(ref.to16, text), ours(cp, text));

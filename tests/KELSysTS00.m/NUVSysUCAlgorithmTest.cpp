@@ -79,8 +79,7 @@ TEST(NUVSysUCAlgorithm, MixedTextAgreesAcrossForms) {
 }
 
 TEST(NUVSysUCAlgorithm, LenientDecodingAndSurrogateArithmetic) {
-  struct Case { const char* bytes; U16 units; };
-  const Case kCases[] = {
+  const struct { const char* bytes; U16 units; } kCases[] = {
       {"\xFF", {0x00FF}},                 // invalid lead passes through
       {"\x80\xBF", {0x0080, 0x00BF}},     // stray continuation bytes too
       {"\xC3\x41", {0x00C1}},             // continuation not checked: (0xC3<<6 & 0x7FF) + 1
@@ -88,10 +87,7 @@ TEST(NUVSysUCAlgorithm, LenientDecodingAndSurrogateArithmetic) {
       {"\xF7\xBF\xBF\xBF", {0xDFBF, 0xDFFF}},  // above U+10FFFF: wrapped pair
       {"\xE2\x82", {0x2080}},             // cut by the end: missing byte reads as zero
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.bytes);
-    EXPECT_EQ(c.units, ours8to16(c.bytes));
-  }
+  for (const auto& c : kCases) EXPECT_EQ(c.units, ours8to16(c.bytes)) << c.bytes;
   // A high surrogate swallows whatever follows; a lone low one is a code point.
   unsigned cp[2];
   const unsigned short pair[] = {0xD83D, 0x0041};
@@ -163,15 +159,14 @@ TEST(NUVSysUCAlgorithm, LegacyDecoderStatuses) {
 }
 
 TEST(NUVSysUCAlgorithm, ValidationAndCharacterLength) {
-  struct Case { std::string bytes; int isUtf8; };
-  const Case kCases[] = {
+  const struct { std::string bytes; int isUtf8; } kCases[] = {
       {"", 0}, {"plain", 0}, {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", 0},
       // Overlong NUL, surrogate, above U+10FFFF, cut, missing continuation.
       {std::string("\xC0\x80", 2), -1}, {"\xED\xA0\x80", -1}, {"\xF4\x90\x80\x80", -1}, {"\xE2\x82", -1},
       {"\xE2\x28\xA1", -1}, {"\x80", -1}, {"\xF8\x88\x80\x80\x80", -1},
       {std::string(100, 'a') + "\xFF", -1},  // after a long ASCII run
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.bytes);
     const char* p = c.bytes.data();
     EXPECT_EQ(c.isUtf8, Alg::IsUTF8(p, c.bytes.size()));
