@@ -1,5 +1,5 @@
-// KELMutex, KELSmartMutex, the global mutex, once-only creation and the
-// per-thread records.
+// KELMutex, KELSmartMutex, the global mutex and once-only creation (the
+// per-thread records are checked with the resource lock's bookkeeping).
 #include "KELMutex.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 
 #include "KELResourceLock.h"
 #include "KELSmartMutex.h"
-#include "KELThreads.h"
 
 namespace {
 
@@ -170,22 +169,6 @@ TEST(KELMutex, NUVCreateModesAndOnceOnlyRace) {
   m->Unlock();
   m->Unlock();
   delete m;
-}
-
-// A new thread has no record until it asks; its record is freed as it ends
-// (LeakSanitizer would report it otherwise).
-TEST(KELMutex, KELThreadsOneRecordPerThread) {
-  KELThreads* mine = KELThreads::GetCurrent();
-  ASSERT_NE(mine, nullptr);
-  EXPECT_EQ(KELThreads::GetCurrent(), mine);
-  EXPECT_EQ(KELThreads::Find(), mine);
-  EXPECT_EQ(mine->GetStatus(), 0u);
-  KELThreads* other = onOtherThread([] {
-    EXPECT_EQ(KELThreads::Find(), nullptr);
-    return KELThreads::GetCurrent();
-  });
-  EXPECT_NE(other, nullptr);
-  EXPECT_NE(other, mine);
 }
 
 }  // namespace
