@@ -1,16 +1,16 @@
-// KELMutex, KELSmartMutex, the global mutex, once-only creation and the
-// per-thread records.
+// KELMutex, KELSmartMutex, the global mutex and once-only creation (the
+// per-thread records are checked with the resource lock's bookkeeping).
 #include "KELMutex.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 #include <vector>
 
 #include "KELResourceLock.h"
 #include "KELSmartMutex.h"
-#include "KELThreads.h"
 
 namespace {
 
@@ -29,155 +29,112 @@ auto onOtherThread(Fn fn) {
   return result;
 }
 
+// TryLock from another thread, which unlocks again what it got.
+int otherTries(KELMutex* m) {
+  return onOtherThread([m] {
+    const int rc = m->TryLock();
+    if (rc == 0) m->Unlock();
+    return rc;
+  });
+}
+
+// Starts `n` threads that run `fn(t)` all at once and joins them.
+template <class Fn>
+void together(int n, Fn fn) {
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < n; ++t) {
+    threads.emplace_back([&, t] {
+      ready.fetch_add(1);
+      while (ready.load() < n) std::this_thread::yield();
+      fn(t);
+    });
+  }
+  for (auto& th : threads) th.join();
+}
+
 // Must stay first: under ctest every test runs in a process of its own, and
-// running the program whole starts here too.
-TEST(KELSysMTGlobalMutex, FirstUnlockFetchesAndUnlocksNothing) {
+// running the program whole starts here too. The first unlock (op 2) fetches
+// the mutex and unlocks nothing; unknown ops and arguments are refused.
+TEST(KELMutexGlobal, OpsAndFirstUnlock) {
   EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
   EXPECT_EQ(KELSysMTGlobalMutex(1, nullptr, 0), 1);
   EXPECT_EQ(KELSysMTGlobalMutex(1, nullptr, 0), 1);  // recursive
   EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
-  EXPECT_EQ(onOtherThread([] { return GetMyGlobalMutex()->TryLock(); }), 1);
-  EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
-  EXPECT_EQ(onOtherThread([] { return GetMyGlobalMutex()->TryLock() + GetMyGlobalMutex()->Unlock(); }), 0);
-}
-
-TEST(KELSysMTGlobalMutex, RejectsArgumentsAndUnknownOps) {
+  EXPECT_EQ(otherTries(GetMyGlobalMutex()), 1);
   EXPECT_EQ(KELSysMTGlobalMutex(1, "x", 0), -1);
   EXPECT_EQ(KELSysMTGlobalMutex(1, nullptr, 1), -1);
   for (int op : {0, 3, 4, 7, 9, -1}) EXPECT_EQ(KELSysMTGlobalMutex(op, nullptr, 0), -1) << op;
-  EXPECT_EQ(onOtherThread([] { return GetMyGlobalMutex()->TryLock() + GetMyGlobalMutex()->Unlock(); }), 0);
+  EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
+  EXPECT_EQ(otherTries(GetMyGlobalMutex()), 0);
 }
 
-TEST(KELSysMTGlobalMutexDeathTest, Op8DestroysAtShutdown) {
-  EXPECT_EXIT(
-      {
-        KELSysMTGlobalMutex(1, nullptr, 0);
-        KELSysMTGlobalMutex(2, nullptr, 0);
-        std::exit(KELSysMTGlobalMutex(8, nullptr, 0) == 0 ? 7 : 1);
-      },
-      testing::ExitedWithCode(7), "");
+// Uses the global mutex, then destroys it as at shutdown (op 8).
+[[noreturn]] void useThenDestroyGlobal() {
+  KELSysMTGlobalMutex(1, nullptr, 0);
+  KELSysMTGlobalMutex(2, nullptr, 0);
+  std::exit(KELSysMTGlobalMutex(8, nullptr, 0) == 0 ? 7 : 1);
+}
+
+TEST(KELMutexGlobalDeathTest, Op8DestroysAtShutdown) {
+  EXPECT_EXIT(useThenDestroyGlobal(), testing::ExitedWithCode(7), "");
 }
 
 // Two threads each increment a counter under the lock; the total is exact.
-template <class Lock, class Unlock>
-long incrementTogether(Lock lock, Unlock unlock) {
-  long counter = 0;
-  auto work = [&] {
-    for (int i = 0; i < kIncrements; ++i) {
-      lock();
-      ++counter;
-      unlock();
-    }
-  };
-  std::thread a(work), b(work);
-  a.join();
-  b.join();
-  return counter;
-}
-
+// Fresh locks each round: the deferred ones are made by racing first locks.
 TEST(KELMutex, MutualExclusionUnderEveryKind) {
-  KELMutex normal(0, 0, 0), recursive(0, 1, 0), deferred(0, 0, 1);
-  KELSmartMutex smart(0), smartDeferred(1);
-  for (KELMutex* m : {&normal, &recursive, &deferred, static_cast<KELMutex*>(&smart),
-                      static_cast<KELMutex*>(&smartDeferred)}) {
-    EXPECT_EQ(incrementTogether([m] { m->Lock(); }, [m] { m->Unlock(); }), 2L * kIncrements);
-  }
-  KELResourceLock rw(1);
-  EXPECT_EQ(incrementTogether([&] { rw.WriteLock(); }, [&] { rw.WriteUnlock(); }), 2L * kIncrements);
-}
-
-TEST(KELMutex, DeferredIsRecursiveWhateverItWasAskedToBe) {
-  KELMutex m(0, 0, 1);
-  EXPECT_EQ(m.Unlock(), 0);  // never made: nothing happens
-  ASSERT_EQ(m.Lock(), 0);
-  ASSERT_EQ(m.Lock(), 0);  // would deadlock on a normal mutex
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 1);
-  m.Unlock();
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 1);
-  m.Unlock();
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock() + m.Unlock(); }), 0);
-}
-
-TEST(KELMutex, DeferredMadeByTryLock) {
-  KELMutex m(0, 0, 1);
-  EXPECT_EQ(m.TryLock(), 0);
-  EXPECT_EQ(m.TryLock(), 0);  // recursive
-  m.Unlock();
-  m.Unlock();
-}
-
-TEST(KELMutex, NormalMutexTryLockSense) {
-  KELMutex m(0, 0, 0);
-  EXPECT_EQ(m.TryLock(), 0);
-  EXPECT_EQ(m.TryLock(), 1);  // not recursive: the holder itself is refused
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 1);
-  EXPECT_EQ(m.Unlock(), 0);
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock() + m.Unlock(); }), 0);
-}
-
-TEST(KELMutex, LockedAtCreation) {
-  KELMutex m(1, 1, 0);
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 1);
-  m.Unlock();
-  EXPECT_EQ(onOtherThread([&] { return m.TryLock() + m.Unlock(); }), 0);
-  KELMutex deferred(1, 1, 1);  // deferred wins: not locked
-  EXPECT_EQ(onOtherThread([&] { return deferred.TryLock() + deferred.Unlock(); }), 0);
-}
-
-TEST(KELMutex, FirstLockOfADeferredMutexRacedFromManyThreads) {
-  for (int round = 0; round < 50; ++round) {
-    KELMutex m(0, 0, 1);
-    long counter = 0;
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-      threads.emplace_back([&] {
-        while (!go.load()) std::this_thread::yield();
-        for (int i = 0; i < 100; ++i) {
-          KELMutexGuard g(m);
+  for (int round = 0; round < 20; ++round) {
+    KELMutex normal(0, 0, 0), recursive(0, 1, 0), deferred(0, 0, 1);
+    KELSmartMutex smart(0), smartDeferred(1);
+    KELResourceLock rw(1);
+    const struct { const char* name; std::function<void()> lock, unlock; } kLocks[] = {
+        {"normal", [&] { normal.Lock(); }, [&] { normal.Unlock(); }},
+        {"recursive", [&] { recursive.Lock(); }, [&] { recursive.Unlock(); }},
+        {"deferred", [&] { deferred.Lock(); }, [&] { deferred.Unlock(); }},
+        {"smart", [&] { smart.Lock(); }, [&] { smart.Unlock(); }},
+        {"smart deferred", [&] { smartDeferred.Lock(); }, [&] { smartDeferred.Unlock(); }},
+        {"resource lock writer", [&] { rw.WriteLock(); }, [&] { rw.WriteUnlock(); }}};
+    for (const auto& k : kLocks) {
+      long counter = 0;
+      together(2, [&](int) {
+        for (int i = 0; i < kIncrements / 20; ++i) {
+          k.lock();
           ++counter;
+          k.unlock();
         }
       });
+      ASSERT_EQ(counter, kIncrements / 10) << k.name << ", round " << round;
     }
-    go = true;
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(counter, 400);
   }
 }
 
-// Many threads race to create into one null pointer; all must see one object.
-template <class T, class Create>
-void raceCreation(Create create) {
-  constexpr int kThreads = 6;
-  for (int round = 0; round < 100; ++round) {
-    T* shared = nullptr;
-    std::atomic<int> ready{0};
-    std::vector<T*> seen(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        ready.fetch_add(1);
-        while (ready.load() < kThreads) std::this_thread::yield();
-        create(shared, 1);
-        seen[t] = __atomic_load_n(&shared, __ATOMIC_ACQUIRE);
-      });
+// (locked, recursive, deferred): a deferred mutex is made at its first Lock or
+// TryLock, unlocked and recursive whatever it was asked to be.
+TEST(KELMutex, ConstructionFlags) {
+  const struct { int locked, recursive, deferred; } kCases[] = {
+      {0, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 0, 1}, {1, 1, 1}, {1, 0, 1}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << c.locked << c.recursive << c.deferred);
+    KELMutex m(c.locked, c.recursive, c.deferred);
+    EXPECT_EQ(c.deferred ? m.Unlock() : 0, 0);  // never made: nothing happens
+    int held = c.locked && !c.deferred;
+    EXPECT_EQ(otherTries(&m), held);  // makes a deferred one
+    const bool nests = c.recursive || c.deferred;
+    EXPECT_EQ(m.Lock(), 0);
+    EXPECT_EQ(m.TryLock(), nests ? 0 : 1);  // not recursive: the holder itself is refused
+    for (held += nests ? 2 : 1; held > 0; --held) {
+      EXPECT_EQ(otherTries(&m), 1);
+      EXPECT_EQ(m.Unlock(), 0);
     }
-    for (auto& t : threads) t.join();
-    ASSERT_NE(shared, nullptr);
-    for (T* p : seen) ASSERT_EQ(p, shared) << "round " << round;
-    delete shared;
+    EXPECT_EQ(otherTries(&m), 0);
   }
-}
-
-TEST(NUVCreate, OnceOnlyUnderARace) {
-  raceCreation<KELMutex>(NUVCreateMutex);
-  raceCreation<KELResourceLock>(NUVCreateResourceLock);
 }
 
 // Mode 1 makes the object only into a null pointer, mode 0 always (the old
-// object stays the caller's), any other mode does nothing.
+// object stays the caller's), any other mode does nothing. Mode 1 raced from
+// several threads into one null pointer makes one object that all of them see.
 template <class T, class Create>
-void checkModes(Create create) {
+void checkCreation(Create create) {
   T* p = nullptr;
   for (unsigned mode : {2u, 7u}) create(p, mode);
   EXPECT_EQ(p, nullptr);
@@ -190,35 +147,28 @@ void checkModes(Create create) {
   EXPECT_NE(p, first);
   delete first;
   delete p;
+  for (int round = 0; round < 100; ++round) {
+    T* shared = nullptr;
+    std::vector<T*> seen(6);
+    together(6, [&](int t) {
+      create(shared, 1);
+      seen[t] = __atomic_load_n(&shared, __ATOMIC_ACQUIRE);
+    });
+    ASSERT_NE(shared, nullptr);
+    for (T* s : seen) ASSERT_EQ(s, shared) << "round " << round;
+    delete shared;
+  }
 }
 
-TEST(NUVCreate, Modes) {
-  checkModes<KELMutex>(NUVCreateMutex);
-  checkModes<KELResourceLock>(NUVCreateResourceLock);
+TEST(KELMutex, NUVCreateModesAndOnceOnlyRace) {
+  checkCreation<KELMutex>(NUVCreateMutex);
+  checkCreation<KELResourceLock>(NUVCreateResourceLock);
   KELMutex* m = nullptr;
   NUVCreateMutex(m, 0);
-  EXPECT_EQ(m->Lock(), 0);
-  EXPECT_EQ(m->Lock(), 0);  // made recursive
+  EXPECT_EQ(m->TryLock() + m->TryLock(), 0);  // made recursive
   m->Unlock();
   m->Unlock();
   delete m;
-}
-
-TEST(KELThreads, OneRecordPerThreadMadeOnRequest) {
-  KELThreads* mine = KELThreads::GetCurrent();
-  ASSERT_NE(mine, nullptr);
-  EXPECT_EQ(KELThreads::GetCurrent(), mine);
-  EXPECT_EQ(KELThreads::Find(), mine);
-  EXPECT_EQ(mine->GetStatus(), 0u);
-  // A new thread has none until it asks; its record is freed as it ends
-  // (LeakSanitizer would report it otherwise).
-  KELThreads* other = nullptr;
-  std::thread([&] {
-    EXPECT_EQ(KELThreads::Find(), nullptr);
-    other = KELThreads::GetCurrent();
-  }).join();
-  EXPECT_NE(other, nullptr);
-  EXPECT_NE(other, mine);
 }
 
 }  // namespace

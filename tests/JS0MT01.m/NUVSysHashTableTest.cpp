@@ -62,11 +62,19 @@ std::string line(int number, const std::string& message) {
   return prefix + message + "\n";
 }
 
+// What `f` prints.
+template <class F>
+std::string printed(F f) {
+  CaptureStdout();
+  f();
+  return GetCapturedStdout();
+}
+
 // One slot (3) of 7: djb2 of one character is 177573 + c, and these are 7 apart.
 const char* const kSameSlot[] = {"a", "h", "o", "v"};
 
 TEST(NUVSysHashTable, Djb2OverSignedChars) {
-  BorrowingTable t(101, 1);
+  BorrowingTable t(101, 1), seven(7, 1);
   const struct { const char* key; unsigned long hash; int slot; } kCases[] = {
       {"", 5381, 28}, {"abc", 193485963, 61}, {"\xe9t\xe9", 193355755, 42},  // bytes above 0x7F subtract
       {"\xff", 177572, 14}, {"KELInstallPath", 9791683473807209317ul, 65},   // wraps modulo 2^64
@@ -76,26 +84,22 @@ TEST(NUVSysHashTable, Djb2OverSignedChars) {
     EXPECT_EQ(c.slot, t.GetHashSlotIndex(c.key)) << c.key;
   }
   EXPECT_EQ(-1, t.GetHashSlotIndex(nullptr));
-  BorrowingTable seven(7, 1);
   for (const char* key : kSameSlot) EXPECT_EQ(3, seven.GetHashSlotIndex(key));
 }
 
+// A key that sorts before a slot's head becomes the head whatever the flag;
+// after it, only with collisions allowed (and a line), else refused and its
+// copy released. The same key replaces the value quietly.
 TEST(NUVSysHashTable, CollisionRuleBothOrders) {
-  CountingTable strict(7, 0);
-  CaptureStdout();
-  EXPECT_EQ(0, strict.Add("h", "1"));
-  EXPECT_EQ(0, strict.Add("a", "2"));   // sorts first: becomes the head, whatever the flag
-  EXPECT_EQ(-1, strict.Add("o", "3"));  // sorts after "h": refused, its copy released
-  EXPECT_EQ("", GetCapturedStdout());
+  CountingTable strict(7, 0), t(7, 1);
+  EXPECT_EQ("", printed([&] {
+    for (auto kv : {std::pair{"h", 0}, {"a", 0}, {"o", -1}}) EXPECT_EQ(kv.second, strict.Add(kv.first, "1"));
+  }));
   EXPECT_EQ(3, strict.copies);
   EXPECT_EQ(1, strict.deletes);
-
-  CountingTable t(7, 1);
-  CaptureStdout();
-  for (const char* key : {"o", "a", "v", "h"}) EXPECT_EQ(0, t.Add(key, key));
-  EXPECT_EQ(0, t.Add("h", "H"));  // same key: value replaced, no line
-  EXPECT_EQ(line(102, "Collision @ 3 ('o' <--> 'v')") + line(102, "Collision @ 3 ('a' <--> 'h')"),
-            GetCapturedStdout());
+  EXPECT_EQ(line(102, "Collision @ 3 ('o' <--> 'v')") + line(102, "Collision @ 3 ('a' <--> 'h')"), printed([&] {
+              for (const char* key : {"o", "a", "v", "h", "h"}) EXPECT_EQ(0, t.Add(key, key));
+            }));
   EXPECT_EQ(1, t.deletes);
 }
 
@@ -105,9 +109,9 @@ TEST(NUVSysHashTable, CollisionRuleBothOrders) {
 TEST(NUVSysHashTable, PrintAndBaseDestructor) {
   static const char kValue[] = "v";
   auto t = std::make_unique<BorrowingTable>(7, 1);
-  CaptureStdout();
-  for (const char* key : {"v", "a", "o", "h"}) t->Add(key, kValue);
-  GetCapturedStdout();
+  printed([&] {
+    for (const char* key : {"v", "a", "o", "h"}) t->Add(key, kValue);
+  });
   char pointer[32];
   std::snprintf(pointer, sizeof pointer, "%p", static_cast<const void*>(kValue));
   std::string want = line(255, "==========================================");
@@ -116,34 +120,28 @@ TEST(NUVSysHashTable, PrintAndBaseDestructor) {
     for (const char* key : kSameSlot)
       if (slot == 3) want += line(264, std::string("Key '") + key + "' (" + pointer + ")");
   }
-  want += line(268, "------------------------------------------");
-  CaptureStdout();
-  t->Print();
-  EXPECT_EQ(want, GetCapturedStdout());
-  std::unique_ptr<NUVSysHashTable> base(t.release());
-  base.reset();
+  EXPECT_EQ(want + line(268, "------------------------------------------"), printed([&] { t->Print(); }));
+  std::unique_ptr<NUVSysHashTable>(t.release()).reset();
 }
 
 TEST(NUVSysHashTable, RemoveTakesOnlyItsPair) {
   CountingTable t(7, 1);
-  CaptureStdout();
-  for (const char* key : kSameSlot) ASSERT_EQ(0, t.Add(key, key));
-  GetCapturedStdout();
-  CaptureStdout();
-  EXPECT_EQ(0, t.Remove("h"));
-  EXPECT_EQ(0, t.Remove("a"));  // the head
-  for (const char* key : {"a", "b"}) EXPECT_EQ(-1, t.Remove(key));
-  EXPECT_EQ(-1, t.Remove(nullptr));
-  EXPECT_EQ("v", t.value("v"));  // passes over "o"
-  EXPECT_EQ("<none>", t.value("h"));  // passes over both
+  printed([&] {
+    for (const char* key : kSameSlot) ASSERT_EQ(0, t.Add(key, key));
+  });
   EXPECT_EQ(line(194, "Duplicated pair 'h' == 'h'") + line(194, "Duplicated pair 'a' == 'a'") +
                 line(490, "Duplicated pair 'o' == 'o'") + line(490, "Duplicated pair 'o' == 'o'") +
                 line(490, "Duplicated pair 'v' == 'v'"),
-            GetCapturedStdout());
+            printed([&] {
+              EXPECT_EQ(0, t.Remove("h"));
+              EXPECT_EQ(0, t.Remove("a"));  // the head
+              for (const char* key : {"a", "b", static_cast<const char*>(nullptr)}) EXPECT_EQ(-1, t.Remove(key));
+              EXPECT_EQ("v", t.value("v"));       // passes over "o"
+              EXPECT_EQ("<none>", t.value("h"));  // passes over both
+            }));
   EXPECT_EQ(2, t.deletes);
-  CaptureStdout();
-  EXPECT_EQ(0, t.Erase());  // two pairs left in the slot: DelPair of its head says so
-  EXPECT_EQ(line(422, "!! Collision slot for key 'o' !!"), GetCapturedStdout());
+  // Two pairs left in the slot: DelPair of its head says so.
+  EXPECT_EQ(line(422, "!! Collision slot for key 'o' !!"), printed([&] { EXPECT_EQ(0, t.Erase()); }));
   EXPECT_EQ(4, t.deletes);
   EXPECT_EQ(0, t.Erase());  // no record left: every operation fails
   EXPECT_EQ(-1, t.Add("a", "1"));
@@ -156,7 +154,8 @@ TEST(NUVSysHashTable, ReplaceAndFailures) {
   EXPECT_EQ(0, t.Replace("key", "two"));
   EXPECT_EQ("two", t.value("key"));
   EXPECT_EQ(-1, t.Replace("absent", "x"));
-  for (auto kv : {std::pair<const char*, const char*>{nullptr, "x"}, {"new", nullptr}}) EXPECT_EQ(-1, t.Add(kv.first, kv.second));
+  EXPECT_EQ(-1, t.Add(nullptr, "x"));
+  EXPECT_EQ(-1, t.Add("new", nullptr));
   t.failNextCopy = true;
   EXPECT_EQ(-1, t.Add("new", "x"));  // the copy failed: nothing stored
   EXPECT_EQ(nullptr, t.Get("new"));
@@ -167,13 +166,13 @@ TEST(NUVSysHashTable, ReplaceAndFailures) {
   NUVSysHashTableEntryStruct* pair = t.NewPair("loose", "v");
   EXPECT_EQ(0, t.DelPair(pair));
   EXPECT_EQ(-1, t.DelPair(pair));  // set to null by the first
-
-  CountingTable none(0, 1);  // no record: everything fails, quietly
-  CaptureStdout();
-  for (int rc : {none.Add("a", "1"), none.Remove("a"), none.Replace("a", "1"), none.GetHashSlotIndex("a")}) EXPECT_EQ(-1, rc);
-  EXPECT_EQ(nullptr, none.Get("a"));
-  none.Print();
-  EXPECT_EQ("", GetCapturedStdout());
+  CountingTable none(0, 1);        // no record: everything fails, quietly
+  EXPECT_EQ("", printed([&] {
+    for (int rc : {none.Add("a", "1"), none.Remove("a"), none.Replace("a", "1"), none.GetHashSlotIndex("a")})
+      EXPECT_EQ(-1, rc);
+    EXPECT_EQ(nullptr, none.Get("a"));
+    none.Print();
+  }));
 }
 
 }  // namespace

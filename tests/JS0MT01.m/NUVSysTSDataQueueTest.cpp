@@ -24,8 +24,7 @@ struct Shape { bool blocking; int capacity; };
 const Shape kShapes[] = {{false, 0}, {true, 0}, {true, 3}, {false, 3}};
 
 TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
-  EXPECT_EQ(nullptr, make(false, -1));
-  EXPECT_EQ(nullptr, make(true, -1));
+  for (bool blocking : {false, true}) EXPECT_EQ(nullptr, make(blocking, -1));
   for (const Shape& s : kShapes) {
     SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
     const Queue q = make(s.blocking, s.capacity);
@@ -55,38 +54,33 @@ TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
     void* v = val(7);
     EXPECT_EQ(-1, q->PushFirst(nullptr, 0));
     EXPECT_EQ(-1, q->PopLast(nullptr, 0));
-    if (s.blocking) {
-      EXPECT_EQ(-1, q->PopLast(&v, -2));  // the wait itself fails
-      EXPECT_EQ(nullptr, v);
-    }
+    EXPECT_EQ(-1, q->PopLast(&v, -2));  // on a blocking one the wait itself fails
+    EXPECT_EQ(nullptr, v);
   }
 }
 
 TEST(NUVSysTSDataQueue, BlockedCallsReturnOnlyWhenTheOtherSideActs) {
-  const Queue full = make(true, 1);
-  ASSERT_EQ(1, full->PushFirst(val(1), 0));
-  std::atomic<bool> popped{false};
+  const Queue q = make(true, 1);
+  ASSERT_EQ(1, q->PushFirst(val(1), 0));
+  std::atomic<bool> acted{false};
   std::thread pusher([&] {
-    EXPECT_EQ(1, full->PushFirst(val(2), -1));
-    EXPECT_TRUE(popped.load());
+    EXPECT_EQ(1, q->PushFirst(val(2), -1));  // full: waits for the pop below
+    EXPECT_TRUE(acted.exchange(false));
   });
   void* v = nullptr;
-  popped = true;
-  ASSERT_EQ(1, full->PopLast(&v, 0));
+  acted = true;
+  ASSERT_EQ(1, q->PopLast(&v, 0));
   pusher.join();
-  EXPECT_EQ(1, full->PopLast(&v, 0));
+  EXPECT_EQ(1, q->PopLast(&v, 0));
   EXPECT_EQ(val(2), v);
-
-  const Queue empty = make(true, 0);
-  std::atomic<bool> pushed{false};
   std::thread popper([&] {
     void* got = nullptr;
-    EXPECT_EQ(1, empty->PopLast(&got, 60000));
-    EXPECT_TRUE(pushed.load());
+    EXPECT_EQ(1, q->PopLast(&got, 60000));  // empty: waits for the push below
+    EXPECT_TRUE(acted.load());
     EXPECT_EQ(val(5), got);
   });
-  pushed = true;
-  ASSERT_EQ(1, empty->PushFirst(val(5), 0));
+  acted = true;
+  ASSERT_EQ(1, q->PushFirst(val(5), 0));
   popper.join();
 }
 
