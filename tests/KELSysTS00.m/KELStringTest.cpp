@@ -141,9 +141,8 @@ TEST(KELStringTest, CopiesAndMovesBetweenTheTwoClasses) {
   KELUnicodeString back = moved.getUnicodeString();
   EXPECT_EQ(repOf(moved), back._GetRepresentation());
   EXPECT_EQ(u"abc", back.ToU16String());
-  KELString assigned;
-  assigned = KELUnicodeString(u"xyz");
-  EXPECT_EQ("xyz", str(assigned));
+  moved = KELUnicodeString(u"xyz");
+  EXPECT_EQ("xyz", str(moved));
   KELString a("text");
   KELString b(std::move(a));
   EXPECT_TRUE(a.IsNull());
@@ -243,9 +242,7 @@ TEST(KELStringTest, AppendsGrowExactlyAndSurviveTheirOwnText) {
 TEST(KELStringTest, SearchAndEditingBoundaries) {
   const KELString s("abcab");
   EXPECT_EQ(5, s.FindPosition("", 5));
-  EXPECT_EQ(-1, s.FindPosition("", 6));
-  EXPECT_EQ(-1, s.index("abcabc"));
-  EXPECT_EQ(3, s.index("ab", 1));
+  EXPECT_EQ(-1, s.index("abcabc"));  // longer than the string
   const struct {
     const char* text;
     int start, len;
@@ -296,21 +293,16 @@ TEST(KELStringTest, HashKeyIsTheXorOfLittleEndianWords) {
   const struct {
     std::string text;
     unsigned key;
-  } cases[] = {{"", 0},
-               {"abcd", 0x64636261},
-               {"abcdefg", 0x64636261 ^ 0x676665},
-               {"abcdabcd", 0},
-               {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'},
-               {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
+  } cases[] = {{"", 0}, {"abcd", 0x64636261}, {"abcdefg", 0x64636261 ^ 0x676665}, {"abcdabcd", 0},
+               {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'}, {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
   for (const auto& c : cases) {
     KELString s;
     KELSysUTF8Str(&s, const_cast<char*>(c.text.c_str()));
     EXPECT_EQ(c.key, s.ComputeHashKey()) << c.text;
-    EXPECT_EQ(c.key, s.hash());
   }
 }
 
-TEST(KELStringTest, ReadLine) {
+TEST(KELStringTest, ReadLineAndStreamOutput) {
   const std::string long200(200, 'L');
   const struct {
     std::string input;
@@ -348,13 +340,8 @@ TEST(KELStringTest, ReadLine) {
     EXPECT_EQ(warning(1, "\x01" "b"), testing::internal::GetCapturedStdout());
     EXPECT_EQ(std::string(79, 'a'), str(s));
   }
-}
-
-TEST(KELStringTest, StreamOutput) {
   std::ostringstream out;
-  KELString s;
-  KELSysUTF8Str(&s, const_cast<char*>("ab"));
-  out << '[' << std::setw(4) << s << ']' << KELString();
+  out << '[' << std::setw(4) << KELString("ab") << ']' << KELString();
   EXPECT_EQ("[  ab]", out.str());
   EXPECT_TRUE(out.good());
 }
