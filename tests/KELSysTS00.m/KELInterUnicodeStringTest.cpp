@@ -230,16 +230,9 @@ TEST(KELInterUnicodeStringDeathTest, LifeCycleSwitches) {
                 }),
                 testing::ExitedWithCode(0), purify ? "<0 0>" : "<7 1>");
   }
-  // After NUVStringPoolDisable no block is kept.
-  EXPECT_EXIT(runThenExit([] {
-                NUVStringPoolSetForCurrentThrd(true);
-                NUVStringPoolDisable();
-                KELInterStringMBCS::Allocate(5)->Release();
-                std::fprintf(stderr, "<%d>", NUVStringPoolFlush());
-              }),
-              testing::ExitedWithCode(0), "<0>");
-  // NUVStringDeInit empties and disables the pool and closes the iconv
-  // descriptors: EUC-JP then decodes by the identity method, a unit a byte.
+  // NUVStringDeInit empties and disables the pool (NUVStringPoolDisable: no
+  // block is kept after it) and closes the iconv descriptors: EUC-JP then
+  // decodes by the identity method, a unit a byte.
   EXPECT_EXIT(runThenExit([] {
                 const NUVSysCodePage eucJp("EUC-JP");
                 unsigned short out[8];
