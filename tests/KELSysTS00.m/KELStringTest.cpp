@@ -51,8 +51,7 @@ TEST(KELStringTest, DevelopmentStageRefusesNonPrintableTextWithAWarning) {
   const struct {
     const char* text;
     int position;  // 0: printable
-  } cases[] = {{"caf\xE9", 4},     {"\x7F", 1},   {"a\x01z", 2},     {"tab\tcr\rlf\n ~", 0},
-               {"\x1F hello", 1},  {"ok\x80", 3}, {"\x08", 1},       {"", 0}};
+  } cases[] = {{"caf\xE9", 4}, {"\x7F", 1}, {"a\x01z", 2}, {"tab\tcr\rlf\n ~", 0}, {"", 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const std::string expect = c.position ? warning(c.position, c.text) : "";
@@ -69,14 +68,11 @@ TEST(KELStringTest, DevelopmentStageRefusesNonPrintableTextWithAWarning) {
     EXPECT_EQ(c.position ? "x" : std::string("x") + c.text, str(appended));
     EXPECT_EQ(c.position ? "y" : std::string(c.text) + "y", str(prefixed));
   }
-  // Outside the stage nothing is checked.
-  DevStage off(0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ("caf\xE9", str(KELString("caf\xE9")));
-  EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
-// The stage and the suppression switch are read once per process: children.
+// The stage (on unless "KELDevelopmentStage" is exactly "FALSE") and the
+// suppression switch are read once per process, when the library loads:
+// children.
 TEST(KELStringDeathTest, StageAndSuppressionAsReadFromTheEnvironment) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const struct {
@@ -84,6 +80,7 @@ TEST(KELStringDeathTest, StageAndSuppressionAsReadFromTheEnvironment) {
     const char* suppress;
     const char* expected;  // what the child reports on stderr (stdout joined to it)
   } cases[] = {{nullptr, nullptr, "code '4' does not map.*<0>$"},
+               {"false", nullptr, "code '4' does not map.*<0>$"},
                {nullptr, "1", "^<0>$"},
                {"FALSE", nullptr, "^<4>$"}};
   for (const auto& c : cases) {
@@ -135,23 +132,18 @@ TEST(KELStringTest, CopiesAndMovesBetweenTheTwoClasses) {
   KELUnicodeString u(u"abc");
   Rep* block = u._GetRepresentation();
   KELString copied(u);
-  EXPECT_EQ(2, block->GetRefCount());
   KELString moved(std::move(u));
   EXPECT_TRUE(u.IsNull());
-  EXPECT_EQ(2, block->GetRefCount());
+  EXPECT_EQ(2, block->GetRefCount()) << "the reference moved, none added";
   EXPECT_EQ("abc", str(moved));  // now a multi-byte block of its own
   EXPECT_EQ(1, block->GetRefCount());
-  KELUnicodeString back = moved.getUnicodeString();
-  EXPECT_EQ(repOf(moved), back._GetRepresentation());
-  EXPECT_EQ(u"abc", back.ToU16String());
-  KELString assigned;
-  assigned = KELUnicodeString(u"xyz");
-  EXPECT_EQ("xyz", str(assigned));
+  EXPECT_EQ(u"abc", moved.getUnicodeString().ToU16String());
+  moved = KELUnicodeString(u"xyz");
+  EXPECT_EQ("xyz", str(moved));
   KELString a("text");
   KELString b(std::move(a));
   EXPECT_TRUE(a.IsNull());
-  a = std::move(b);
-  EXPECT_EQ("text", str(a));
+  EXPECT_EQ("text", str(b));
 }
 
 TEST(KELStringTest, ConstructionAndKELSysUTF8Str) {
@@ -191,9 +183,6 @@ TEST(KELStringTest, NullHandleIsReportedAndTreatedAsEmpty) {
 
 TEST(KELStringTest, Comparison) {
   const KELString abc("abc");
-  EXPECT_EQ(0, abc.Compare("abc"));
-  EXPECT_GT(0, abc.Compare("abd"));
-  EXPECT_LT(0, abc.Compare("ab"));
   EXPECT_EQ('a', abc.Compare(static_cast<const char*>(nullptr)));
   KELString high;
   KELSysUTF8Str(&high, const_cast<char*>("\xE9"));
@@ -207,22 +196,21 @@ TEST(KELStringTest, Comparison) {
   for (const auto& c : byCase) EXPECT_EQ(c.result, KELString(c.a).CompareByCase(c.b)) << c.a << " " << c.b;
 }
 
+template <class Number>
+std::string appended(Number v) {
+  KELString s("=");
+  s += v;
+  return str(s);
+}
+
 TEST(KELStringTest, AppendingNumbersUsesTheFixedFormats) {
-  KELString s;
-  s += 4294967297L;         // "%d": the low 32 bits
-  s += ',';                 // a char is an int: its code
-  s += -1L;
-  s += KELChar(',');
-  s += 4294967301UL;        // "%u": 5
-  s += KELChar(',');
-  s += LLONG_MIN;
-  s += KELChar(',');
-  s += ULLONG_MAX;
-  s += KELChar(',');
-  s += 4294967295u;
-  s += KELChar(',');
-  s += INT_MIN;
-  EXPECT_EQ("144-1,5,-9223372036854775808,18446744073709551615,4294967295,-2147483648", str(s));
+  EXPECT_EQ("=1", appended(4294967297L));   // "%d": the low 32 bits
+  EXPECT_EQ("=44", appended(','));          // a char is an int: its code
+  EXPECT_EQ("=5", appended(4294967301UL));  // "%u"
+  EXPECT_EQ("=-9223372036854775808", appended(LLONG_MIN));
+  EXPECT_EQ("=18446744073709551615", appended(ULLONG_MAX));
+  EXPECT_EQ("=4294967295", appended(4294967295u));
+  EXPECT_EQ("=-2147483648", appended(INT_MIN));
 }
 
 TEST(KELStringTest, AppendsGrowExactlyAndSurviveTheirOwnText) {
@@ -241,87 +229,50 @@ TEST(KELStringTest, AppendsGrowExactlyAndSurviveTheirOwnText) {
   KELString empty;
   empty += s;
   EXPECT_EQ(repOf(s), repOf(empty)) << "appending to the empty string shares";
-  KELString copy(s);
-  copy += "!";
-  EXPECT_EQ(s.Length() + 1, copy.Length());
-  EXPECT_NE(repOf(s), repOf(copy));
-  EXPECT_EQ("ab", str(KELString("a") + KELString("b")));
   EXPECT_EQ("ab", str(KELString("a") + "b"));
-  EXPECT_EQ("ab", str("a" + KELString("b")));
   EXPECT_EQ("b", str(static_cast<const char*>(nullptr) + KELString("b")));
 }
 
-TEST(KELStringTest, FindPositionBoundaries) {
+// The fuzz target kelstring_model checks search, replacement, substring and
+// strip against a model; here the results a caller would not guess.
+TEST(KELStringTest, SearchAndEditingBoundaries) {
   const KELString s("abcab");
-  const struct {
-    const char* sub;
-    int start, result;
-  } cases[] = {{"", 0, 0},   {"", 5, 5},      {"", 6, -1},     {"", -1, -1},     {"ab", 0, 0}, {"ab", 1, 3},
-               {"ab", 4, -1}, {"b", 4, 4},    {"abcab", 0, 0}, {"abcabc", 0, -1}, {"x", 0, -1}, {"cab", 2, 2}};
-  for (const auto& c : cases) EXPECT_EQ(c.result, s.FindPosition(c.sub, c.start)) << c.sub << " @" << c.start;
-  EXPECT_EQ(1, s.index("bc"));
-}
-
-TEST(KELStringTest, ReplaceRemoveInsertBoundaries) {
+  EXPECT_EQ(5, s.FindPosition("", 5));
+  EXPECT_EQ(-1, s.index("abcabc"));  // longer than the string
   const struct {
     const char* text;
     int start, len;
     const char *by, *result;
-  } cases[] = {
-      {"abc", 1, 1, "XY", "aXYc"}, {"abc", 0, 3, "", ""},       {"abc", 3, 0, "d", "abcd"},
-      {"abc", 4, 0, "d", "abc"},   {"abc", -1, 1, "d", "abc"},  {"abc", 1, -1, "d", "abc"},
-      {"", 0, 0, "d", ""},         {"abc", 1, 5, "", "abc"},    {"abc", 1, 5, "abcdefgh", "aabcde"},
-      {"abc", 0, 1, "", "bc"},     {"abc", 2, 1, "", "ab"},     {"abc", 1, 2, "Q", "aQ"},
-  };
+  } cases[] = {{"abc", 3, 0, "d", "abcd"}, {"abc", 4, 0, "d", "abc"},  {"", 0, 0, "d", ""},
+               {"abc", 1, 5, "", "abc"},   {"abc", 1, 5, "abcdefgh", "aabcde"}};  // length - len + by, cut
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.text) + " " + std::to_string(c.start) + "," + std::to_string(c.len) + " " + c.by);
-    KELString s(c.text);
-    const KELString before(s);
-    s.ReplaceSubString(c.start, c.len, c.by);
-    EXPECT_EQ(c.result, str(s));
-    EXPECT_EQ(c.text, str(before)) << "a shared copy is not changed";
+    KELString r(c.text);
+    EXPECT_EQ(c.result, str(r.ReplaceSubString(c.start, c.len, c.by))) << c.text << " " << c.start << "," << c.len;
   }
-  KELString s("abcb");
-  EXPECT_EQ(1, s.ReplaceSubString("b", "XY"));
-  EXPECT_EQ("aXYcb", str(s));
-  EXPECT_EQ(-1, s.replace("q", "z"));
-  EXPECT_EQ("aXcb", str(s.Remove(2, 1)));
-  EXPECT_EQ("aXcb!", str(s.insert(4, "!")));
-  EXPECT_EQ("-aXcb!", str(s.Insert(0, "-")));
-}
-
-TEST(KELStringTest, SubStringGivesTheWholeStringOutOfRange) {
-  const KELString s("abc");
-  const struct {
-    unsigned long start, len;
-    const char* result;
-  } cases[] = {{0, 1, "a"}, {1, 2, "bc"}, {0, 3, "abc"}, {2, 10, "abc"}, {1, 0, "abc"},
-               {3, 1, "abc"}, {ULONG_MAX, 2, "abc"}, {1, ULONG_MAX, "abc"}};
-  for (const auto& c : cases) EXPECT_EQ(c.result, str(s.SubString(c.start, c.len))) << c.start << "," << c.len;
+  KELString r("abcb");
+  EXPECT_EQ(1, r.ReplaceSubString("b", "XY"));
+  EXPECT_EQ(-1, r.replace("q", "z"));
+  EXPECT_EQ("aXcb", str(r.Remove(2, 1)));
+  EXPECT_EQ("-aXcb!", str(r.insert(4, "!").Insert(0, "-")));
+  // Out of range, SubString gives the whole string (the same block), not an empty one.
   EXPECT_EQ(repOf(s), repOf(s.SubString(2, 10)));
+  EXPECT_EQ(repOf(s), repOf(s.SubString(ULONG_MAX, 2)));
+  EXPECT_EQ("ca", str(s.SubString(2, 2)));
   EXPECT_TRUE(KELString().SubString(0, 1).IsNull());
 }
 
-TEST(KELStringTest, ResizeStripAndIndex) {
+TEST(KELStringTest, ResizeStripCaseAndIndex) {
   const struct {
     int n, truncate;
     const char* result;
-  } sizes[] = {{5, 0, "abc.."}, {2, 0, "abc"}, {2, 1, "ab"}, {0, 1, ""}, {-1, 1, ""}, {3, 1, "abc"}};
+  } sizes[] = {{5, 0, "abc.."}, {2, 0, "abc"}, {2, 1, "ab"}, {-1, 1, ""}};
   for (const auto& c : sizes) {
     KELString s("abc");
     EXPECT_EQ(c.result, str(s.Resize(c.n, '.', c.truncate))) << c.n << "," << c.truncate;
   }
   EXPECT_EQ("ab--", str(KELString("ab").pad(4, '-', 0)));
-  const struct {
-    const char* text;
-    int mode;
-    const char* result;
-  } strips[] = {{"xxaxbxx", 0, "xxaxbxx"}, {"xxaxbxx", 1, "axbxx"}, {"xxaxbxx", 2, "xxaxb"},
-                {"xxaxbxx", 3, "axb"},     {"xxaxbxx", 4, "ab"},    {"xxaxbxx", 7, "ab"},
-                {"xxx", 3, ""},            {"xxx", 4, ""},          {"", 3, ""},     {"ab", 4, "ab"}};
-  for (const auto& c : strips)
-    EXPECT_EQ(c.result, str(KELString(c.text).Strip(static_cast<KELStripMode>(c.mode), 'x')))
-        << c.text << " mode " << c.mode;
+  EXPECT_EQ("ab", str(KELString("xxaxbxx").Strip(KELStripAll, 'x')));
+  EXPECT_TRUE(KELString("xxx").Strip(KELStripBoth, 'x').IsNull());
   EXPECT_EQ("a  ", str(KELString("  a  ").strip(' '))) << "the lower-case name strips leading bytes only";
   const KELString s("ab");
   EXPECT_EQ('b', s[1]);
@@ -338,23 +289,16 @@ TEST(KELStringTest, HashKeyIsTheXorOfLittleEndianWords) {
   const struct {
     std::string text;
     unsigned key;
-  } cases[] = {{"", 0},
-               {"a", 0x61},
-               {"abcd", 0x64636261},
-               {"abcde", 0x64636261 ^ 0x65},
-               {"abcdefg", 0x64636261 ^ 0x676665},
-               {"abcdabcd", 0},
-               {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'},
-               {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
+  } cases[] = {{"", 0}, {"abcd", 0x64636261}, {"abcdefg", 0x64636261 ^ 0x676665}, {"abcdabcd", 0},
+               {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'}, {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
   for (const auto& c : cases) {
     KELString s;
     KELSysUTF8Str(&s, const_cast<char*>(c.text.c_str()));
     EXPECT_EQ(c.key, s.ComputeHashKey()) << c.text;
-    EXPECT_EQ(c.key, s.hash());
   }
 }
 
-TEST(KELStringTest, ReadLine) {
+TEST(KELStringTest, ReadLineAndStreamOutput) {
   const std::string long200(200, 'L');
   const struct {
     std::string input;
@@ -369,7 +313,6 @@ TEST(KELStringTest, ReadLine) {
       {"last", 0, "last", false, EOF},
       {"\nnext", 0, "", false, EOF},     // an empty line reads nothing and fails the stream
       {"\n \t next\n", 1, "next", true, EOF},
-      {"", 0, "", false, EOF},
       {"   ", 1, "", false, EOF},
   };
   for (const auto& c : cases) {
@@ -382,31 +325,18 @@ TEST(KELStringTest, ReadLine) {
     EXPECT_EQ(c.good, in.good());
     EXPECT_EQ(c.next, in.good() ? in.peek() : EOF);
   }
-  // What a caller does after an empty line: clear, consume the line feed.
-  std::istringstream in("one\n\ntwo\n");
-  KELString s;
-  EXPECT_TRUE(s.ReadLine(in, 0));
-  EXPECT_FALSE(s.ReadLine(in, 0));
-  in.clear();
-  EXPECT_EQ('\n', in.get());
-  EXPECT_TRUE(s.ReadLine(in, 0));
-  EXPECT_EQ("two", str(s));
   // In the stage a piece with a non-printable byte is dropped, the rest kept.
   if (std::getenv("KELStringWarningSuppress") == nullptr) {
     DevStage on(1);
+    KELString s;
     std::istringstream bad(std::string(79, 'a') + "\x01" + "b\n");
     testing::internal::CaptureStdout();
     s.ReadLine(bad, 0);
     EXPECT_EQ(warning(1, "\x01" "b"), testing::internal::GetCapturedStdout());
     EXPECT_EQ(std::string(79, 'a'), str(s));
   }
-}
-
-TEST(KELStringTest, StreamOutput) {
   std::ostringstream out;
-  KELString s;
-  KELSysUTF8Str(&s, const_cast<char*>("ab"));
-  out << '[' << std::setw(4) << s << ']' << KELString();
+  out << '[' << std::setw(4) << KELString("ab") << ']' << KELString();
   EXPECT_EQ("[  ab]", out.str());
   EXPECT_TRUE(out.good());
 }
