@@ -75,6 +75,10 @@ SYSTEMTS_API int KELSimpleHashCompare(void* a, void* b);
 // stored item first.
 class SYSTEMTS_API KELSysSimpleHashTable {
  public:
+  // The bit of the storage field that marks a pointer set (see the
+  // decisions above: part of the binary interface).
+  static constexpr uintptr_t kPointerSetBit = 1;
+
   // One entry of the array: the item and the next entry of its bucket's
   // chain (null at the chain's end).
   struct Entry {
@@ -108,7 +112,7 @@ class SYSTEMTS_API KELSysSimpleHashTable {
   SYSTEMTS_API void* Locate(void* item) const {
     const uintptr_t storage = reinterpret_cast<uintptr_t>(_storage);
     // An equal stored pointer is `item` itself: no load of it.
-    if (storage & 1) return FindPointer(storage, item) != nullptr ? item : nullptr;
+    if (storage & kPointerSetBit) return FindPointer(storage, item) != nullptr ? item : nullptr;
     const Entry* e = Find(item);
     return e != nullptr ? e->item : nullptr;
   }
@@ -116,7 +120,7 @@ class SYSTEMTS_API KELSysSimpleHashTable {
   // the table and is valid until the next insertion or removal.
   SYSTEMTS_API Entry* LocateBucket(void* item) const {
     const uintptr_t storage = reinterpret_cast<uintptr_t>(_storage);
-    return const_cast<Entry*>(storage & 1 ? FindPointer(storage, item) : Find(item));
+    return const_cast<Entry*>(storage & kPointerSetBit ? FindPointer(storage, item) : Find(item));
   }
   // The first non-null stored item of bucket `key` modulo the bucket count
   // whose hash equals `key`, or null.
@@ -156,10 +160,10 @@ class SYSTEMTS_API KELSysSimpleHashTable {
  private:
   friend struct systemts::detail::SimpleHashCore;
 
-  // The lookup of a pointer set, from its tagged storage field (lowest bit
-  // set): bucket heads at the untagged address, entries right after them.
+  // The lookup of a pointer set, from its tagged storage field: bucket heads
+  // at the untagged address, entries right after them.
   const Entry* FindPointer(uintptr_t storage, void* item) const {
-    Entry* const* heads = reinterpret_cast<Entry* const*>(storage - 1);
+    Entry* const* heads = reinterpret_cast<Entry* const*>(storage - kPointerSetBit);
     const uint32_t hash = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(item) >> 3);
     for (const Entry* e = heads[hash % static_cast<uint32_t>(_bucketCount)]; e != nullptr; e = e->next)
       if (e->item == item) return e;

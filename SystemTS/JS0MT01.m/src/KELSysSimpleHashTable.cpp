@@ -57,7 +57,7 @@ size_t blockBytes(uint32_t buckets) { return size_t{buckets} * 3 * sizeof(void*)
 uint64_t* leadOf(Entry** heads, uint32_t buckets) { return reinterpret_cast<uint64_t*>(heads + size_t{buckets} * 3); }
 
 // The storage field: the heads' address, its lowest bit set for pointer sets.
-constexpr uintptr_t kPointerSetBit = 1;
+constexpr uintptr_t kPointerSetBit = KELSysSimpleHashTable::kPointerSetBit;
 static_assert(alignof(std::max_align_t) > kPointerSetBit, "malloc blocks leave the lowest bit free");
 Entry** tagged(Entry** block, bool pointerSet) {
   return reinterpret_cast<Entry**>(reinterpret_cast<uintptr_t>(block) | (pointerSet ? kPointerSetBit : 0));
@@ -171,11 +171,6 @@ struct SimpleHashCore {
     if (t._storage == nullptr) return nullptr;
     const View v(t);
     return dispatch(t, [&](auto ops) { return find(v, item, ops).entry; });
-  }
-  static const Entry* locate(const KELSysSimpleHashTable& t, void* item) {
-    View v;
-    if (pointerSetView(t, &v)) return find(v, item, PointerOps{}).entry;
-    return locateSlow(t, item);
   }
 
   // Result of an insertion: status 1 added, 0 present, -1 could not grow;
@@ -369,7 +364,7 @@ void* KELSysSimpleHashTable::KeyLocate(unsigned int key) const {
 
 void* KELSysSimpleHashTable::Next(void* item) const {
   if (item == nullptr) return Get(0);
-  const Entry* e = SimpleHashCore::locate(*this, item);
+  const Entry* e = LocateBucket(item);
   if (e == nullptr) return nullptr;
   const SimpleHashCore::View v(*this);
   return Get(static_cast<int>(e - v.entries) + 1);
@@ -377,7 +372,7 @@ void* KELSysSimpleHashTable::Next(void* item) const {
 
 void* KELSysSimpleHashTable::NextWithKey(void* item) const {
   if (item == nullptr) return nullptr;
-  const Entry* e = SimpleHashCore::locate(*this, item);
+  const Entry* e = LocateBucket(item);
   if (e == nullptr) return nullptr;
   const unsigned int key = _hash(item);
   for (e = e->next; e != nullptr; e = e->next)
