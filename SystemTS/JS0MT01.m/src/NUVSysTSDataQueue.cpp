@@ -101,13 +101,22 @@ NUVSysTSDataQueue::NUVSysTSDataQueue() : _refCount(1), _mutex(0, 0, 1), _inPlace
   _mutex._impl.store(new (_inPlace + kMutexAt) KELMutexUnix(0), std::memory_order_release);
 }
 
-NUVSysTSDataQueue::Chain& NUVSysTSDataQueue::chain() { return *reinterpret_cast<Chain*>(_inPlace + kChainAt); }
+NUVSysTSDataQueue::Chain& NUVSysTSDataQueue::chain() {
+  return *std::launder(reinterpret_cast<Chain*>(_inPlace + kChainAt));
+}
+
+// The queue calls its platform mutex directly, without the two indirections
+// of KELMutex's own calls.
+KELMutexUnix* NUVSysTSDataQueue::platformMutex() const {
+  return std::launder(reinterpret_cast<KELMutexUnix*>(const_cast<unsigned char*>(_inPlace) + kMutexAt));
+}
 
 NUVSysTSDataQueue::~NUVSysTSDataQueue() {
   if (_items != nullptr) plain(_items)->~NUVSysSemaphoreImpl();
   delete _space;
   // Taken back from the KELMutex, which would otherwise delete it.
-  static_cast<KELMutexUnix*>(_mutex._impl.exchange(nullptr, std::memory_order_acq_rel))->~KELMutexUnix();
+  _mutex._impl.store(nullptr, std::memory_order_relaxed);
+  platformMutex()->~KELMutexUnix();
   // The values belong to the caller: only the nodes are ours. Once the
   // chain's nodes are back, the slab new nodes came from is the only one
   // that is neither spare nor freed.
@@ -151,10 +160,6 @@ bool NUVSysTSDataQueue::Initialize(bool blocking, int capacity) {
   _space = NUVSysSemaphore::NUVSysCreateSemaphore(capacity, capacity, 0);
   return _space != nullptr;
 }
-
-// The queue's platform mutex is the KELMutexUnix it built: the queue calls it
-// directly, without the two indirections of KELMutex's own calls.
-KELMutexUnix* NUVSysTSDataQueue::platformMutex() const { return static_cast<KELMutexUnix*>(_mutex.impl()); }
 
 void NUVSysTSDataQueue::lock() {
   // A free mutex is taken with one compare-and-swap. Otherwise the thread
