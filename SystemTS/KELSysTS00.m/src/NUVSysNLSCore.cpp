@@ -17,6 +17,7 @@
 #include "NUVSysCLocale.h"
 #include "NUVSysNLSEnv.h"
 #include "NLSCore.h"
+#include "SysCalls.h"
 
 namespace systemts::detail {
 
@@ -26,27 +27,27 @@ std::mutex g_databaseMutex;
 
 locale_t NewLocale(int mask, const char* name, locale_t base) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return newlocale(mask, name, base);
+  return g_sys.newLocale(mask, name, base);
 }
 
 locale_t DupLocale(locale_t l) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return duplocale(l);
+  return g_sys.dupLocale(l);
 }
 
 void FreeLocale(locale_t l) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
-  freelocale(l);
+  g_sys.freeLocale(l);
 }
 
 iconv_t IconvOpen(const char* to, const char* from) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return iconv_open(to, from);
+  return g_sys.iconvOpen(to, from);
 }
 
 void IconvClose(iconv_t cd) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
-  iconv_close(cd);
+  g_sys.iconvClose(cd);
 }
 
 namespace {

@@ -1,0 +1,36 @@
+// The table of OS calls, filled with the C library's functions.
+#include "SysCalls.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace systemts::detail {
+
+namespace {
+// open is variadic; the table takes the mode always.
+int openFile(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+}  // namespace
+
+#define SYSTEMTS_SYSCALLS_DEFAULTS                                                                \
+  {                                                                                               \
+    ::iconv_open, ::iconv, ::iconv_close,                                                         \
+    ::newlocale, ::duplocale, ::uselocale, ::freelocale, ::setlocale,                             \
+    ::pthread_key_create, ::pthread_setspecific,                                                  \
+    ::sem_init, ::sem_wait, ::sem_timedwait, ::sem_trywait, ::sem_post, ::clock_gettime,          \
+    ::malloc, ::calloc, ::realloc, ::aligned_alloc,                                               \
+    openFile, ::read, ::write, ::close, ::fsync, ::stat64, ::lstat64, ::access, ::getcwd,         \
+    ::utime, ::unlink, ::rmdir, ::mkdir, ::rename, ::chmod, ::mkstemp,                            \
+    ::opendir, ::readdir, ::closedir,                                                             \
+    ::dlopen, ::dlsym, ::dlclose, ::dlerror,                                                      \
+  }
+
+const SysCalls kDefaultSysCalls = SYSTEMTS_SYSCALLS_DEFAULTS;
+SysCalls g_sys = SYSTEMTS_SYSCALLS_DEFAULTS;
+
+#undef SYSTEMTS_SYSCALLS_DEFAULTS
+
+}  // namespace systemts::detail
