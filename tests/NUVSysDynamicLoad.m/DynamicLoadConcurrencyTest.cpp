@@ -114,6 +114,7 @@ TEST(DynamicLoadConcurrency, TwoThreadsLoadingAtOnceEachGetTheirOwnObjects) {
     EXPECT_EQ(NUVSysLifeCycleDispatchDynamicProcessUnloadContext(
                   NUVSysLifeCycleDispatchDynamicPrepareUnloadContext(handles[t])), 0);
     EXPECT_EQ(g_events, (std::vector<std::string>{kExpected[t][0], kExpected[t][1]}));
+    EXPECT_EQ(NUVSysLifeCycleDynamicLoadManagerImplement().DoUnload(&handles[t]), 0);
   }
 }
 
