@@ -215,19 +215,17 @@ void KELThrLibraryManager::_Cleanup() {
 
 namespace systemts::detail {
 
-LibraryCacheView libraryCacheView() {
-  LibraryCacheView view;
+void visitLibraryCache(const LibraryCacheVisitor& visitor, size_t* moduleCapacity,
+                       size_t* symbolCapacity) {
   KELMutexGuard guard(cacheLock());
   for (size_t i = 0; i < g_libraryCount; ++i) {
-    view.modules.emplace_back(g_libraries[i].module);
-    view.failed.push_back(g_libraries[i].handle == nullptr);
+    visitor.onModule(visitor.self, g_libraries[i].module, g_libraries[i].handle == nullptr);
   }
-  view.moduleCapacity = g_libraryCapacity;
   for (size_t i = 0; i < g_symbolCount; ++i) {
-    view.symbols.push_back(std::string(g_symbols[i].symbol) + "@" + g_symbols[i].module);
+    visitor.onSymbol(visitor.self, g_symbols[i].symbol, g_symbols[i].module);
   }
-  view.symbolCapacity = g_symbolCapacity;
-  return view;
+  *moduleCapacity = g_libraryCapacity;
+  *symbolCapacity = g_symbolCapacity;
 }
 
 }  // namespace systemts::detail

@@ -10,11 +10,25 @@
 #include "KELMutex.h"
 #include "NUVSysLifeCycleDynamicLoadManagerImplement.h"
 
+namespace systemts::detail {
+// A registered object and the module it belongs to (null: the process, or not
+// yet known while it waits in a load context). A type of the library's own,
+// so that the vectors of it stay private to the library.
+struct LifeCycleEntry {
+  NUVSysLifeCycleObject* object;
+  void* module;
+};
+using LifeCycleEntries = std::vector<LifeCycleEntry>;
+}  // namespace systemts::detail
+
+using systemts::detail::LifeCycleEntries;
+using systemts::detail::LifeCycleEntry;
+
 struct NUVSysLifeCycleContext {
   enum class Kind { Load, Unload };
   explicit NUVSysLifeCycleContext(Kind k) : kind(k) {}
   Kind kind;
-  std::vector<NUVSysLifeCycleObject*> objects;  // in order of registration
+  LifeCycleEntries objects;                 // in order of registration
   NUVSysLifeCycleContext* outer = nullptr;      // load: the thread's enclosing open context
 };
 
@@ -26,16 +40,11 @@ using systemts::detail::processLoadManager;
 // module loads on this thread land here, whatever other threads are loading.
 thread_local NUVSysLifeCycleContext* t_openContext = nullptr;
 
-struct Entry {
-  NUVSysLifeCycleObject* object;
-  void* module;  // the handle of the module it belongs to; null: the process
-};
-
 // The registry's own lock guards only the entry list: it is a leaf, never held
 // while an entry point or the loader runs, so a registration made from inside
 // dlopen on another thread can always take it.
 KELMutex* g_registryLock = nullptr;
-std::vector<Entry>* g_entries = nullptr;  // made once, lives for the process
+LifeCycleEntries* g_entries = nullptr;  // made once, lives for the process
 
 KELMutex& registryLock() {
   NUVCreateMutex(g_registryLock, 1);
@@ -43,12 +52,12 @@ KELMutex& registryLock() {
 }
 
 // Appends under the registry lock; false when out of memory.
-bool addEntries(NUVSysLifeCycleObject* const* objects, size_t n, void* module) {
+bool addEntries(const LifeCycleEntry* objects, size_t n, void* module) {
   KELMutexGuard guard(registryLock());
   try {
-    if (g_entries == nullptr) g_entries = new std::vector<Entry>;
+    if (g_entries == nullptr) g_entries = new LifeCycleEntries;
     g_entries->reserve(g_entries->size() + n);
-    for (size_t i = 0; i < n; ++i) g_entries->push_back(Entry{objects[i], module});
+    for (size_t i = 0; i < n; ++i) g_entries->push_back(LifeCycleEntry{objects[i].object, module});
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -62,21 +71,20 @@ int dispatch(Call call) {
   NUVSysLifeCycleDynamicLoadManagerImplement* const manager = processLoadManager();
   if (manager == nullptr) return -1;
   KELMutexGuard managerGuard(manager->ManagerLock());
-  std::vector<NUVSysLifeCycleObject*> snapshot;
+  LifeCycleEntries snapshot;
   {
     KELMutexGuard guard(registryLock());
     if (g_entries != nullptr) {
       try {
-        snapshot.reserve(g_entries->size());
+        snapshot = *g_entries;
       } catch (const std::bad_alloc&) {
         return -1;
       }
-      for (const Entry& e : *g_entries) snapshot.push_back(e.object);
     }
   }
   int rc = 0;
-  for (NUVSysLifeCycleObject* o : snapshot) {
-    if (call(o) != 0) rc = -1;
+  for (const LifeCycleEntry& e : snapshot) {
+    if (call(e.object) != 0) rc = -1;
   }
   return rc;
 }
@@ -90,7 +98,7 @@ int NUVSysLifeCycleGlobalFactory(NUVSysLifeCycleObject* object) {
   if (object == nullptr) return -1;
   if (NUVSysLifeCycleContext* context = t_openContext) {
     try {
-      context->objects.push_back(object);
+      context->objects.push_back(LifeCycleEntry{object, nullptr});
     } catch (const std::bad_alloc&) {
       return -1;
     }
@@ -98,7 +106,8 @@ int NUVSysLifeCycleGlobalFactory(NUVSysLifeCycleObject* object) {
   }
   // A process object: initialised now, on the registering thread.
   if (object->Initialize() != 0) return -1;
-  return addEntries(&object, 1, nullptr) ? 0 : -1;
+  const LifeCycleEntry entry{object, nullptr};
+  return addEntries(&entry, 1, nullptr) ? 0 : -1;
 }
 
 NUVSysLifeCycleContext* NUVSysLifeCycleDynamicPrepareLoadContext() {
@@ -112,19 +121,19 @@ NUVSysLifeCycleContext* NUVSysLifeCycleDynamicPrepareLoadContext() {
 int NUVSysLifeCycleDynamicProcessLoadContext(NUVSysLifeCycleContext* context, void* handle) {
   if (context == nullptr || context != t_openContext) return -1;
   t_openContext = context->outer;  // registrations from here on go to the outer context
-  std::vector<NUVSysLifeCycleObject*> objects = std::move(context->objects);
+  LifeCycleEntries objects = std::move(context->objects);
   delete context;
   if (handle == nullptr) return 0;
   int rc = 0;
-  std::vector<NUVSysLifeCycleObject*> initialised;
+  LifeCycleEntries initialised;
   try {
     initialised.reserve(objects.size());
   } catch (const std::bad_alloc&) {
     return -1;
   }
-  for (NUVSysLifeCycleObject* o : objects) {
-    if (o->Initialize() == 0) {
-      initialised.push_back(o);
+  for (const LifeCycleEntry& e : objects) {
+    if (e.object->Initialize() == 0) {
+      initialised.push_back(e);
     } else {
       rc = -1;
     }
@@ -132,7 +141,7 @@ int NUVSysLifeCycleDynamicProcessLoadContext(NUVSysLifeCycleContext* context, vo
   if (!addEntries(initialised.data(), initialised.size(), handle)) {
     // Not recorded, so never finalised: finalise them now rather than leave
     // them initialised for ever.
-    for (auto it = initialised.rbegin(); it != initialised.rend(); ++it) (*it)->Finalize();
+    for (auto it = initialised.rbegin(); it != initialised.rend(); ++it) it->object->Finalize();
     return -1;
   }
   return rc;
@@ -149,16 +158,16 @@ NUVSysLifeCycleContext* NUVSysLifeCycleDispatchDynamicPrepareUnloadContext(void*
   KELMutexGuard guard(registryLock());
   if (g_entries == nullptr || handle == nullptr) return context;
   try {
-    for (const Entry& e : *g_entries) {
-      if (e.module == handle) context->objects.push_back(e.object);
+    for (const LifeCycleEntry& e : *g_entries) {
+      if (e.module == handle) context->objects.push_back(e);
     }
   } catch (const std::bad_alloc&) {
     delete context;
     return nullptr;
   }
-  std::vector<Entry>& entries = *g_entries;
+  LifeCycleEntries& entries = *g_entries;
   size_t kept = 0;
-  for (const Entry& e : entries) {
+  for (const LifeCycleEntry& e : entries) {
     if (e.module != handle) entries[kept++] = e;
   }
   entries.resize(kept);
@@ -173,7 +182,7 @@ int NUVSysLifeCycleDispatchDynamicProcessUnloadContext(NUVSysLifeCycleContext* c
     // Finalize may load or unload modules itself; the lock is recursive.
     if (manager != nullptr) manager->ManagerLock().Lock();
     for (auto it = context->objects.rbegin(); it != context->objects.rend(); ++it) {
-      if ((*it)->Finalize() != 0) rc = -1;
+      if (it->object->Finalize() != 0) rc = -1;
     }
     if (manager != nullptr) manager->ManagerLock().Unlock();
   }
