@@ -15,19 +15,9 @@
 
 #include "DynamicLoadInternal.h"
 #include "KELThrLibraryManager.h"
+#include "LifeCycleEvents.h"
 #include "NUVSysLifeCycleDynamicLoadManagerImplement.h"
 #include "NUVSysLifeCycleObject.h"
-
-namespace {
-std::mutex g_eventsLock;
-std::vector<std::string> g_events;
-}  // namespace
-
-// Called by the life-cycle test modules, resolved from this program's exports.
-extern "C" __attribute__((visibility("default"))) void lifeCycleTestEvent(const char* text) {
-  std::lock_guard<std::mutex> guard(g_eventsLock);
-  g_events.emplace_back(text);
-}
 
 namespace {
 
@@ -110,10 +100,10 @@ TEST(DynamicLoadConcurrency, TwoThreadsLoadingAtOnceEachGetTheirOwnObjects) {
   for (int t = 0; t < 2; ++t) {
     SCOPED_TRACE(t);
     ASSERT_NE(handles[t], nullptr);
-    g_events.clear();
+    takeEvents();
     EXPECT_EQ(NUVSysLifeCycleDispatchDynamicProcessUnloadContext(
                   NUVSysLifeCycleDispatchDynamicPrepareUnloadContext(handles[t])), 0);
-    EXPECT_EQ(g_events, (std::vector<std::string>{kExpected[t][0], kExpected[t][1]}));
+    EXPECT_EQ(takeEvents(), (Events{kExpected[t][0], kExpected[t][1]}));
     EXPECT_EQ(NUVSysLifeCycleDynamicLoadManagerImplement().DoUnload(&handles[t]), 0);
   }
 }
