@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -103,6 +104,17 @@ TEST_F(KELThrLibraryManagerTest, SymbolsAreCachedPerModuleAndMissingOnesAskedEve
                                       "dlmod_value@dlmod_01", "dlmod_value@dlmod_03",
                                       "dlmod_value@dlmod_08"}));
   EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_03", "dlmod_08_only"), nullptr);
+
+  // The same buffer holding another name the next time gets that name's
+  // address; _Cleanup forgets every found symbol, also on this thread.
+  char name[32] = "dlmod_value";
+  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 8);
+  std::strcpy(name, "dlmod_08_only");
+  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 1008);
+  const long before = dlsyms.calls();
+  KELThrLibraryManager::_Cleanup();
+  EXPECT_NE(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name), nullptr);
+  EXPECT_EQ(dlsyms.calls(), before + 1);
 }
 
 TEST_F(KELThrLibraryManagerTest, NullArguments) {

@@ -3,7 +3,9 @@
 //
 // Every module loaded and every symbol found through it is kept for the life
 // of the process (modules are never closed), so a repeated look-up costs one
-// lock and one binary search instead of a trip through the dynamic loader.
+// lock and one binary search instead of a trip through the dynamic loader;
+// and when the same call site asks again on the same thread, it is answered
+// from a small per-thread memo of those records without taking the lock.
 // A module name N stands for the file "lib%s.so" formatted with N, loaded
 // with RTLD_LAZY | RTLD_GLOBAL.
 //

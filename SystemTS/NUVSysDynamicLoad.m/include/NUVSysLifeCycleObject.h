@@ -10,7 +10,8 @@
 //
 // Attribution. Each thread has its own stack of load contexts. While a
 // context is open on the calling thread, a registration goes into that
-// context, which belongs to the module the thread is loading: two threads
+// context, which belongs to the module the thread is loading (libraries that
+// the module brings in with it count as the module): two threads
 // loading two modules at once therefore each collect their own module's
 // objects, and a module loaded from inside another module's constructor
 // (nested) collects into its own, inner context. The load functions open and
