@@ -184,14 +184,23 @@ KNOWN_FAMILIES = {"utf8to16", "utf16to8", "hashv3", "base64_encode", "base64_dec
 
 
 def split_case(name):
-    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time]": Google
-    Benchmark appends a benchmark's arguments after its name, so trailing
-    numeric parts belong to the case ("queue/ours/2" is case "queue/2")."""
-    real = name.endswith("/real_time")
-    parts = (name[: -len("/real_time")] if real else name).split("/")
+    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time][/threads:N]":
+    Google Benchmark appends a benchmark's arguments, its time type and its
+    thread count after its name, so trailing numeric parts and the thread
+    count belong to the case ("queue/ours/2" is case "queue/2",
+    "lookup/ours/real_time/threads:2" is case "lookup/threads:2")."""
+    parts = name.split("/")
+    real = False
     args = []
-    while len(parts) > 2 and parts[-1].lstrip("-").isdigit():
-        args.insert(0, parts.pop())
+    while len(parts) > 2:
+        last = parts[-1]
+        if last == "real_time":
+            real = True
+            parts.pop()
+        elif last.lstrip("-").isdigit() or last.startswith("threads:"):
+            args.insert(0, parts.pop())
+        else:
+            break
     case, impl = "/".join(parts[:-1] + args), parts[-1]
     return case, impl, real
 
