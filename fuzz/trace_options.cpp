@@ -1,0 +1,101 @@
+// The trace option-file reader on arbitrary text. Invariants:
+// - the file reader and the one-line entry agree on every line: the number
+//   of bad lines the file gives is the number of lines Configure refuses
+//   (a line holding a NUL byte counts as bad), and both end with the same
+//   settings;
+// - a refused line changes nothing;
+// - reading the same text twice ends where reading it once does;
+// - the settings described afterwards are within their bounds, and the
+//   description, applied as a line, is taken back unchanged.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "NUVSysTrace.h"
+
+namespace {
+
+std::string describe(const char* name) {
+  char buf[8192];
+  const int n = NUVSysTraceDescribe__(name, buf, sizeof buf);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof buf) std::abort();
+  return buf;
+}
+
+void check(bool ok) {
+  if (!ok) std::abort();
+}
+
+std::string g_file;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // Bad lines are reported on standard error: keep the fuzzer's output clean.
+  const int null = open("/dev/null", O_WRONLY);
+  if (null >= 0) dup2(null, 2);
+  for (const char* v : {"KELTraceLevel", "KELTraceSink", "KELTraceDir", "KELTraceSize", "KELTraceCount",
+                        "KELTraDecDir", "KELTraceRing"})
+    unsetenv(v);
+  g_file = "/tmp/systemts-fuzz-trace-options." + std::to_string(getpid());
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+
+  // Line by line through the one-line entry.
+  NUVSysTraceConfigure__(nullptr);
+  int refused = 0;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, end - start);
+    start = end + 1;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    const std::string before = describe("A");
+    const int rc = NUVSysTraceConfigure__(line.c_str());
+    check(rc == 0 || rc == -1);
+    const bool bad = line.find('\0') != std::string::npos || rc == -1;
+    if (bad) ++refused;
+    if (rc == -1) check(describe("A") == before);
+  }
+  const std::string byLines = describe("A");
+  const std::string defaultsByLines = describe("some other name");
+
+  // The same text as a file.
+  FILE* f = std::fopen(g_file.c_str(), "wb");
+  if (f == nullptr) return 0;
+  std::fwrite(text.data(), 1, text.size(), f);
+  std::fclose(f);
+  NUVSysTraceConfigure__(nullptr);
+  check(NUVSysTraceReadOptionFile__(g_file.c_str()) == refused);
+  check(describe("A") == byLines);
+  check(describe("some other name") == defaultsByLines);
+  check(NUVSysTraceReadOptionFile__(g_file.c_str()) == refused);
+  check(describe("A") == byLines);
+
+  // Bounds, then the description taken back.
+  char level[32], sinks[64];
+  unsigned long long bytes = 0;
+  int count = 0;
+  const std::string d = describe("A");
+  const char* rest = std::strstr(d.c_str(), " --level ");
+  check(rest != nullptr);
+  check(std::sscanf(rest, " --level %31s --sink %63s", level, sinks) == 2);
+  const std::string lv = level;
+  check(lv == "off" || lv == "error" || lv == "warning" || lv == "information" || lv == "debug");
+  const char* tail = std::strstr(d.c_str(), " --size ");
+  check(tail != nullptr && std::sscanf(tail, " --size %llu --count %d", &bytes, &count) == 2);
+  check(bytes >= 1 && bytes <= (1ull << 40) && count >= 1 && count <= 1000);
+  check(NUVSysTraceConfigure__(d.c_str()) == 0);
+  check(describe("A") == d);
+  return 0;
+}
