@@ -92,11 +92,6 @@ TraceFileSink::~TraceFileSink() {
   closeLocked();
 }
 
-std::string TraceFileSink::path() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return directory_ + "/" + fileName_;
-}
-
 void TraceFileSink::configure(const std::string& directory, std::uint64_t size, int count,
                               std::atomic<std::uint64_t>& dropped) {
   std::lock_guard<std::mutex> lock(mu_);

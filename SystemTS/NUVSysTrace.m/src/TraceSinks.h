@@ -67,9 +67,6 @@ class TraceFileSink {
   // False when buffered lines could not be written (they are dropped).
   bool flush(std::atomic<std::uint64_t>& dropped);
 
-  // The path the sink writes now.
-  std::string path() const;
-
  private:
   bool flushLocked(std::atomic<std::uint64_t>& dropped);
   bool openLocked();
