@@ -8,6 +8,7 @@
 // - the settings described afterwards are within their bounds, and the
 //   description, applied as a line, is taken back unchanged.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -32,6 +33,7 @@ void check(bool ok) {
   if (!ok) std::abort();
 }
 
+int g_fd = -1;
 std::string g_file;
 
 // The file reader reports bad lines on standard error: sent to /dev/null
@@ -52,7 +54,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   for (const char* v : {"KELTraceLevel", "KELTraceSink", "KELTraceDir", "KELTraceSize", "KELTraceCount",
                         "KELTraDecDir", "KELTraceRing"})
     unsetenv(v);
-  g_file = "/tmp/systemts-fuzz-trace-options." + std::to_string(getpid());
+  g_fd = memfd_create("trace_options", 0);
+  g_file = "/proc/self/fd/" + std::to_string(g_fd);
   return 0;
 }
 
@@ -84,11 +87,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string byLines = describe("A");
   const std::string defaultsByLines = describe("some other name");
 
-  // The same text as a file.
-  FILE* f = std::fopen(g_file.c_str(), "wb");
-  if (f == nullptr) return 0;
-  std::fwrite(text.data(), 1, text.size(), f);
-  std::fclose(f);
+  // The same text as a file (in memory: a file on disk makes the target
+  // wait on the file system).
+  if (g_fd < 0 || ftruncate(g_fd, 0) != 0 ||
+      pwrite(g_fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+    return 0;
   NUVSysTraceConfigure__(nullptr);
   check(readQuietly(g_file.c_str()) == refused);
   check(describe("A") == byLines);
