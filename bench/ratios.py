@@ -188,7 +188,9 @@ def split_case(name):
     Benchmark appends a benchmark's arguments after its name, so trailing
     numeric parts belong to the case ("queue/ours/2" is case "queue/2")."""
     real = name.endswith("/real_time")
-    parts = (name[: -len("/real_time")] if real else name).split("/")
+    # A fixed iteration count ("/iterations:1") names no argument of the case.
+    parts = [p for p in (name[: -len("/real_time")] if real else name).split("/")
+             if not p.startswith("iterations:")]
     args = []
     while len(parts) > 2 and parts[-1].lstrip("-").isdigit():
         args.insert(0, parts.pop())
