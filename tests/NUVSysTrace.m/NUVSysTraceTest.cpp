@@ -307,7 +307,7 @@ TEST_F(NUVSysTraceTest, RotationKeepsExactlyCountFilesWithinTheSize) {
     }
     const int expectedFiles = c.size >= 100000 ? 1 : c.count;
     EXPECT_EQ(static_cast<std::size_t>(expectedFiles), kept.size());
-    EXPECT_EQ(0, access((base + "." + std::to_string(c.count)).c_str(), F_OK) == 0 ? 1 : 0);
+    EXPECT_NE(0, access((base + "." + std::to_string(c.count)).c_str(), F_OK));  // none past the count
     const std::vector<std::string> lines = linesOf(text);
     ASSERT_FALSE(lines.empty());
     for (std::size_t i = 0; i < lines.size(); ++i) {
