@@ -184,12 +184,13 @@ KNOWN_FAMILIES = {"utf8to16", "utf16to8", "hashv3", "base64_encode", "base64_dec
 
 
 def split_case(name):
-    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time][/threads:N]":
-    Google Benchmark appends a benchmark's arguments, its time type and its
-    thread count after its name, so trailing numeric parts and the thread
-    count belong to the case ("queue/ours/2" is case "queue/2",
-    "lookup/ours/real_time/threads:2" is case "lookup/threads:2")."""
-    parts = name.split("/")
+    """(case, impl, real) of "<case>/<impl>[/<arg>...][/iterations:N][/real_time][/threads:N]":
+    Google Benchmark appends a benchmark's arguments, a fixed iteration count,
+    its time type and its thread count after its name, so trailing numeric
+    parts and the thread count belong to the case ("queue/ours/2" is case
+    "queue/2", "lookup/ours/real_time/threads:2" is case "lookup/threads:2");
+    a fixed iteration count names no argument of the case."""
+    parts = [p for p in name.split("/") if not p.startswith("iterations:")]
     real = False
     args = []
     while len(parts) > 2:
