@@ -184,12 +184,19 @@ KNOWN_FAMILIES = {"utf8to16", "utf16to8", "hashv3", "base64_encode", "base64_dec
 
 
 def split_case(name):
-    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time]": Google
-    Benchmark appends a benchmark's arguments after its name, so trailing
-    numeric parts belong to the case ("queue/ours/2" is case "queue/2")."""
-    real = name.endswith("/real_time")
-    parts = (name[: -len("/real_time")] if real else name).split("/")
-    args = []
+    """(case, impl, real) of "<case>/<impl>[/<arg>...][/real_time][/threads:N]":
+    Google Benchmark appends a benchmark's arguments after its name, so
+    trailing numeric parts and the thread count belong to the case
+    ("queue/ours/2" is case "queue/2", "GetArg/ours/real_time/threads:2" is
+    case "GetArg/threads:2")."""
+    parts = name.split("/")
+    # Thread counts ("threads:2", from Threads()) belong to the case too.
+    threads = [p for p in parts if p.startswith("threads:")]
+    parts = [p for p in parts if not p.startswith("threads:")]
+    real = parts[-1] == "real_time"
+    if real:
+        parts.pop()
+    args = threads
     while len(parts) > 2 and parts[-1].lstrip("-").isdigit():
         args.insert(0, parts.pop())
     case, impl = "/".join(parts[:-1] + args), parts[-1]
