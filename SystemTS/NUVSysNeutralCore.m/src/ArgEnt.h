@@ -3,6 +3,8 @@
 #ifndef SYSTEMTS_ARGENT_H
 #define SYSTEMTS_ARGENT_H
 
+#include "KELUnicodeString.h"
+
 namespace systemts::detail {
 
 class ArgEnt {
@@ -11,7 +13,8 @@ class ArgEnt {
   static constexpr int kNoValue = 0;
   static constexpr int kValue = 1;
 
-  // An owned entry: copies of `name` and of `value` (when not null).
+  // An owned entry: copies of `name` and of `value` (when not null), and the
+  // value converted once to UTF-16.
   ArgEnt(const char* name, int kind, int added, const char* value);
   // A look-up key: `name` is borrowed and must outlive the key.
   explicit ArgEnt(const char* name) noexcept;
@@ -35,6 +38,12 @@ class ArgEnt {
   int added;         // 1 when added at run time, 0 when read from the command line
   unsigned int hash;
   char* value;       // owned, or null
+
+  // The value read as UTF-8 (leniently), converted when the entry is made.
+  // A look-up hands out a copy, which shares the text: one atomic increment
+  // instead of a conversion and an allocation per look-up. Empty without a
+  // value and in a look-up key.
+  KELUnicodeString text;
 };
 
 }  // namespace systemts::detail

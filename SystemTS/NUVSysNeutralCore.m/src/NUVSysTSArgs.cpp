@@ -36,7 +36,9 @@ ArgEnt::ArgEnt(const char* n, int k, int a, const char* v)
     : name(copyText(n)), kind(k), added(a), hash(ComputeHashKey(n)), value(nullptr) {
   try {
     value = copyText(v);
+    if (value != nullptr) text.BuildFromUTF8(value);
   } catch (...) {
+    delete[] value;
     delete[] name;
     throw;
   }
@@ -194,7 +196,7 @@ int lookUp(const char* name, int& kind, int& added, KELUnicodeString& value, boo
   kind = e->kind;
   added = e->added;
   if (e->kind >= ArgEnt::kValue && e->value != nullptr) {
-    value.BuildFromUTF8(e->value);
+    value = e->text;
     hasValue = true;
   }
   return 0;
