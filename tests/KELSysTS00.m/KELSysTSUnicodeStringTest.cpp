@@ -30,7 +30,8 @@ TEST(KELSysTSUnicodeString, ConversionsAndOperations) {
   // Appending a string to itself doubles it; assigning to itself keeps it.
   copy += copy;
   EXPECT_EQ(u"\u20AC 5\u20AC 5", copy.ToU16String());
-  copy = copy;
+  const KELSysTSUnicodeString& alias = copy;
+  copy = alias;
   EXPECT_EQ(u"\u20AC 5\u20AC 5", copy.ToU16String());
   copy = "ascii";
   EXPECT_EQ("ascii", copy.ConvertToUTF8());
