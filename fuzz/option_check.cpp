@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(rc == 0 || rc == -1);
   check(rc == 0 ? bad == 0 : bad >= 1 && bad < argc);
   for (int i = 0; i < 3; ++i)
-    check(!withLong ? v[i] == nullptr : v[i] == nullptr || (v[i] >= &argv[1] && v[i] < &argv[argc] && !isOption(*v[i])));
+    check(v[i] == nullptr || (withLong && v[i] >= &argv[1] && v[i] < &argv[argc] && !isOption(*v[i])));
   if (!withLong)
     for (int i = 0; i < 4; ++i) check(c[i] == -1);
   if (!withShort)

@@ -73,7 +73,8 @@ TEST(KELSysTSUnicodeString, OperationsAreAtomicAcrossThreads) {
     threads.emplace_back([&] {
       std::string last;
       for (int changes = 0, i = 0; changes < 500 && std::chrono::steady_clock::now() < deadline; ++i) {
-        const std::string t = i % 2 ? shared.ConvertToUTF8() : KELSysTSUnicodeString(shared).Get().ConvertToUTF8();
+        const std::string t =
+            i % 2 ? shared.ConvertToUTF8() : KELSysTSUnicodeString(shared).Get().ConvertToUTF8();
         torn.fetch_add(!whole(t) + (shared.GetLengthInChar() != 16));
         changes += t != last;
         last = t;

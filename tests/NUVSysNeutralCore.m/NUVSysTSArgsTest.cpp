@@ -69,7 +69,8 @@ TEST(ArgEnt, HashAndCompare) {
   EXPECT_EQ(5381u, ArgEnt::ComputeHashKey(""));
   EXPECT_EQ(5381u * 33 - 1, ArgEnt::ComputeHashKey("\xFF"));  // bytes are signed
   uint64_t h = 5381;  // a reference in 64 bits, reduced at the end
-  for (const char* p = "abcdefghij\xE9"; *p; ++p) h = h * 33 + static_cast<uint64_t>(static_cast<signed char>(*p));
+  for (const char* p = "abcdefghij\xE9"; *p; ++p)
+    h = h * 33 + static_cast<uint64_t>(static_cast<signed char>(*p));
   ArgEnt a("abcdefghij\xE9", 1, 0, "x"), key("abcdefghij\xE9"), other("abcdefghij"), none(nullptr);
   EXPECT_EQ(static_cast<unsigned int>(h), ArgEnt::Hash(&a));
   EXPECT_EQ(ArgEnt::Hash(&a), ArgEnt::Hash(&key));
@@ -176,7 +177,8 @@ TEST(NUVSysTSGetArg, TableLifecycle) {
   EXPECT_EQ(0, NUVSysTSAddArg("price", &ts));
   KELSysTSUnicodeString back;
   EXPECT_EQ(0, NUVSysTSGetArg("price", kind, added, back));
-  EXPECT_EQ(std::make_tuple(1, 1, std::string("\xE2\x82\xAC 5")), std::make_tuple(kind, added, back.ConvertToUTF8()));
+  EXPECT_EQ(std::make_tuple(1, 1, std::string("\xE2\x82\xAC 5")),
+            std::make_tuple(kind, added, back.ConvertToUTF8()));
   EXPECT_EQ(0, NUVSysTSGetArg("file", kind, back));  // no value: the string keeps its text
   EXPECT_EQ("\xE2\x82\xAC 5", back.ConvertToUTF8());
   EXPECT_EQ(E_FAIL, NUVSysTSAddArg(static_cast<char*>(nullptr), &ts));
@@ -205,7 +207,8 @@ TEST(NUVSysGetCmdLineArgs, ChildReadsItsOwnArguments) {
     std::string dump = std::to_string(n) + (argv[argc] ? "!" : "\n");
     KELUnicodeString* strings = NUVSysGetCmdLineArgs(count);
     for (int i = 0; i < argc && count == argc; ++i)
-      dump += std::to_string(std::strlen(argv[i])) + ":" + argv[i] + (strings[i] == KELUnicodeString(argv[i]) ? "=" : "!");
+      dump += std::to_string(std::strlen(argv[i])) + ":" + argv[i] +
+              (strings[i] == KELUnicodeString(argv[i]) ? "=" : "!");
     delete[] strings;
     KELUnicodeString file;
     const int rc = NUVSysTSGetArg("file", kind, file);
@@ -283,13 +286,16 @@ TEST(NUVSysGetCmdLineArgsFaults, OpenAndReadFailures) {
   }
   // Short reads are read on to the end; interrupted calls are retried.
   EXPECT_EXIT(runThenExit([] {
-                g_sys.read = [](int fd, void* buf, size_t n) { return ::read(fd, buf, std::min<size_t>(n, 3)); };
+                g_sys.read = [](int fd, void* buf, size_t n) {
+                  return ::read(fd, buf, std::min<size_t>(n, 3));
+                };
                 Fault<&SysCalls::open> o(EINTR, -1);
                 Fault<&SysCalls::read> r(EINTR, -1, 2);  // wraps the short reads
                 int argc = -1;
                 char** argv = nullptr;
                 NUVSysGetCmdLineArgs(argc, argv);
-                std::fprintf(stderr, "<%d %ld %ld>", Args(argv, argv + argc) == ownCommandLine(), o.calls(), r.failed());
+                std::fprintf(stderr, "<%d %ld %ld>", Args(argv, argv + argc) == ownCommandLine(), o.calls(),
+                             r.failed());
               }),
               testing::ExitedWithCode(0), "<1 2 1>");
 }

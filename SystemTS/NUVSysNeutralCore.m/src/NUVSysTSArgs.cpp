@@ -56,7 +56,8 @@ ArgEnt::~ArgEnt() {
 unsigned int ArgEnt::ComputeHashKey(const char* n) noexcept {
   if (n == nullptr) return 0;
   unsigned int h = 5381;
-  for (; *n != '\0'; ++n) h = h * 33 + static_cast<unsigned int>(static_cast<int>(static_cast<signed char>(*n)));
+  for (; *n != '\0'; ++n)
+    h = h * 33 + static_cast<unsigned int>(static_cast<int>(static_cast<signed char>(*n)));
   return h;
 }
 
