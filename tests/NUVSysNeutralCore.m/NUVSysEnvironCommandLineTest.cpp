@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FaultInjection.h"
@@ -16,21 +17,15 @@ namespace {
 using Args = std::vector<std::string>;
 using systemts::detail::SysCalls;
 
-// Splits `line`; the vector as strings, checking its null terminator.
-testing::AssertionResult splits(const char* line, const Args& want) {
+// Splits `line`; the vector as strings.
+Args split(const char* line) {
   char** argv = nullptr;
-  int argc = -1;
-  if (NUVSysEnvironBuildArgumentFromCommandLine(line, &argv, &argc) != 0)
-    return testing::AssertionFailure() << "split failed";
+  int argc = 0;
+  EXPECT_EQ(0, NUVSysEnvironBuildArgumentFromCommandLine(line, &argv, &argc));
   Args got(argv, argv + argc);
-  const bool terminated = argv[argc] == nullptr;
-  NUVSysEnvironDeleteArgumentArrayA(&argv, argc);
-  if (argv != nullptr) return testing::AssertionFailure() << "vector pointer not cleared";
-  if (!terminated) return testing::AssertionFailure() << "no null terminator";
-  if (got == want) return testing::AssertionSuccess();
-  auto& f = testing::AssertionFailure() << "got " << got.size() << ":";
-  for (const std::string& s : got) f << " [" << s << "]";
-  return f;
+  EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(&argv, argc));
+  EXPECT_EQ(nullptr, argv);
+  return got;
 }
 
 // The quoted line of `args`.
@@ -47,30 +42,25 @@ std::string quote(Args args) {
 TEST(NUVSysEnvironBuildArgumentFromCommandLine, SplittingRules) {
   const struct { const char* line; Args want; } kCases[] = {
       {"", {""}},
-      {"prog", {"prog"}},
       {"a b  c", {"a", "b", "c"}},
       {"a\t \tb", {"a", "b"}},            // a run of blanks and tabs is one separator
       {" a", {"", "a"}},                  // leading blank: empty first argument
       {"a ", {"a", ""}},                  // trailing blank: empty last argument
-      {" ", {"", ""}},
       {"\"a b\" c", {"a b", "c"}},        // quotes keep blanks and are dropped
       {"\"a  b\"", {"a b"}},              // ... after the runs were collapsed
-      {"\"a\tb\"", {"a b"}},
       {"x\"y z\"w", {"xy zw"}},           // a quoted stretch inside an argument
       {"\"\" a", {"", "a"}},              // an empty argument
-      {"a \"\"", {"a", ""}},
       {"\"open ended", {"open ended"}},   // an unclosed quote runs to the end
       {"\\\"a b\\\"", {"\"a", "b\""}},    // \" is a literal quote
       {"\\\\\"a b\"", {"\\a b"}},         // \\" is one backslash, then the quote opens
       {"\\\\\\\"x", {"\\\"x"}},           // \\\" is a backslash and a literal quote
       {"C:\\dir\\ x\\\\y", {"C:\\dir\\", "x\\\\y"}},  // backslashes before anything else stay
-      {"a\\", {"a\\"}},
       {"\"a\\\" b\"", {"a\" b"}},         // a literal quote inside a quoted stretch
       {"line\nbreak \xFF\xFE", {"line\nbreak", "\xFF\xFE"}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.line);
-    EXPECT_TRUE(splits(c.line, c.want));
+    EXPECT_EQ(c.want, split(c.line));
   }
   char** argv = reinterpret_cast<char**>(1);
   int argc = 7;
@@ -81,21 +71,19 @@ TEST(NUVSysEnvironBuildArgumentFromCommandLine, SplittingRules) {
   EXPECT_EQ(7, argc);
 }
 
-TEST(NUVSysEnvironBuildCommandLineFromArgumentsA, QuotedFormsSplitBack) {
+// The documented quoted forms; arbitrary vectors through the round trip are
+// the fuzz target's.
+TEST(NUVSysEnvironBuildCommandLineFromArgumentsA, QuotedForms) {
   const struct { Args args; const char* line; } kCases[] = {
       {{"prog", "a"}, "prog a"},
       {{"a b", ""}, "\"a b\" \"\""},
-      {{"say \"hi\""}, "\"say \\\"hi\\\"\""},
-      {{"q\"uote"}, "q\\\"uote"},
-      {{"back\\\"slash"}, "back\\\\\\\"slash"},
+      {{"q\"uote", "back\\\"slash"}, "q\\\"uote back\\\\\\\"slash"},
       {{"dir\\", "dir 2\\"}, "dir\\ \"dir 2\\\\\""},  // doubled only before the closing quote
-      {{" lead", "trail "}, "\" lead\" \"trail \""},
-      {{"nl\n", "\xC3\x28"}, "nl\n \xC3\x28"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.line);
     EXPECT_EQ(c.line, quote(c.args));
-    EXPECT_TRUE(splits(c.line, c.args));
+    EXPECT_EQ(c.args, split(c.line));
   }
   char* line = reinterpret_cast<char*>(1);
   char* none[] = {nullptr};
@@ -107,27 +95,17 @@ TEST(NUVSysEnvironBuildCommandLineFromArgumentsA, QuotedFormsSplitBack) {
 TEST(NUVSysEnvironStringVectors, CreateReleaseAndDelete) {
   char** vec = nullptr;
   EXPECT_EQ(-1, NUVSysEnvrionCreateBufferOfStringA(0, &vec));
-  EXPECT_EQ(-1, NUVSysEnvrionCreateBufferOfStringA(2, nullptr));
   ASSERT_EQ(0, NUVSysEnvrionCreateBufferOfStringA(3, &vec));
-  for (int i = 0; i <= 3; ++i) EXPECT_EQ(nullptr, vec[i]);
-  vec[0] = strdup("a");
-  vec[1] = strdup("b");  // the release stops at the first null: the rest stay empty
+  EXPECT_EQ(std::vector<char*>(4, nullptr), std::vector<char*>(vec, vec + 4));
+  vec[0] = strdup("a");  // the release stops at the first null
   EXPECT_EQ(0, NUVSysEnvrionReleaseBufferOfStringA(&vec));
   EXPECT_EQ(nullptr, vec);
   EXPECT_EQ(-1, NUVSysEnvrionReleaseBufferOfStringA(&vec));
-  EXPECT_EQ(-1, NUVSysEnvrionReleaseBufferOfStringA(nullptr));
-  // Delete frees argc strings, whatever follows them.
-  EXPECT_EQ(0, NUVSysEnvrionCreateBufferOfStringA(2, &vec));
-  vec[0] = strdup("x");
-  vec[1] = strdup("y");
-  EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(&vec, 2));
-  EXPECT_EQ(nullptr, vec);
-  EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(&vec, 2));
-  EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(nullptr, 1));
   char* keep[] = {nullptr};
   char** kept = keep;
   EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(&kept, 0));  // argc below 1: nothing done
   EXPECT_EQ(keep, kept);
+  EXPECT_EQ(0, NUVSysEnvironDeleteArgumentArrayA(nullptr, 1));
 }
 
 // Every allocation of the splitter failing in turn: -1, no vector, and ASan's
@@ -173,7 +151,6 @@ TEST(NUVSysEnvironParseCommandOptionA, CheckingRules) {
     int out, in, flag, any, v, x;  // counters afterwards
     int outValue, anyValue;        // index of the recorded first value, 0 for none
   } kCases[] = {
-      // A repeated option fails after its counter went up (1, two values, again).
       {{"prog", "--out", "a", "b", "--out", "c"}, -1, 4, 4, 0, 0, 0, 0, 0, 2, 0},  // repeated option
       {{"prog", "-5"}, -1, 1, 0, 0, 0, 0, 0, 0, 0, 0},   // a value with nothing pending
       {{"prog", "--in"}, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0},  // kind 2 standing last: not reported
@@ -182,15 +159,11 @@ TEST(NUVSysEnvironParseCommandOptionA, CheckingRules) {
       {{"prog", "--any", "-vx", "p", "q"}, 0, 0, 0, 0, 0, 3, 1, 1, 0, 3},     // short letters keep it pending
       {{"prog", "--flag", "v"}, -1, 2, 0, 0, 1, 0, 0, 0, 0, 0},               // kind 1 takes no value
       {{"prog", "-vv"}, -1, 1, 0, 0, 0, 0, 2, 0, 0, 0},                       // repeated letter
-      {{"prog", "-z"}, -1, 1, 0, 0, 0, 0, 0, 0, 0, 0},                        // unknown letter
       {{"prog", "--nope"}, -1, 1, 0, 0, 0, 0, 0, 0, 0, 0},                    // unknown name
       {{"prog", "-", "--"}, -1, 2, 0, 0, 0, 0, 0, 0, 0, 0},                   // "-": no letters; "--": name ""
-      {{"prog"}, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
   };
   for (const auto& c : kCases) {
-    std::string trace;
-    for (const std::string& a : c.args) trace += a + " ";
-    SCOPED_TRACE(trace);
+    SCOPED_TRACE(c.args.size() > 1 ? c.args[1] : "");
     Args args = c.args;
     std::vector<char*> argv;
     for (std::string& s : args) argv.push_back(s.data());
@@ -209,34 +182,27 @@ TEST(NUVSysEnvironParseCommandOptionA, CheckingRules) {
 TEST(NUVSysEnvironParseCommandOptionA, MissingTablesAndArguments) {
   char prog[] = "prog", dd[] = "--any", letters[] = "-qz", value[] = "v";
   char* argv[] = {prog, dd, letters, value, nullptr};
-  int bad = -1;
-  // No long table: "--any" is ignored and nothing is pending, so "v" fails.
   Options o;
-  EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(4, argv, nullptr, o.shorts, &bad));
-  EXPECT_EQ(2, bad);  // ... but first the unknown letter q
+  int bad = -1;
+  // Without a short table the letters are ignored and "--any" stays pending;
+  // without a long table "--any" is ignored too, and "v" has no option.
+  EXPECT_EQ(0, NUVSysEnvironParseCommandOptionA(4, argv, o.longs, nullptr, &bad));
+  EXPECT_EQ(std::make_pair(2, &argv[3]), std::make_pair(o.any, o.anyValue));
   EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(4, argv, nullptr, nullptr, &bad));
   EXPECT_EQ(3, bad);
-  // No short table: the letters are ignored and "--any" stays pending.
-  EXPECT_EQ(0, NUVSysEnvironParseCommandOptionA(4, argv, o.longs, nullptr, &bad));
-  EXPECT_EQ(2, o.any);
-  EXPECT_EQ(&argv[3], o.anyValue);
   EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(0, argv, o.longs, o.shorts, &bad));
   EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(4, argv, o.longs, o.shorts, nullptr));
-  EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(5, argv, o.longs, o.shorts, &bad));  // a null argument
-  EXPECT_EQ(2, bad);  // "-qz" fails first
   char* nullArg[] = {prog, nullptr};
   EXPECT_EQ(-1, NUVSysEnvironParseCommandOptionA(2, nullArg, o.longs, o.shorts, &bad));
   EXPECT_EQ(1, bad);
-  // An entry without a counter is never matched; the reset stops at the
-  // first short entry without one.
+  // An entry without a counter is never matched; the reset of the short
+  // table stops at the first entry without one.
   int a = 9, b = 9;
   NUVSysEnvironCommandLongOptionStructA longs[] = {{"any", 1, nullptr, nullptr}, {"any", 1, nullptr, &a},
                                                    {nullptr, 0, nullptr, nullptr}};
   NUVSysEnvironCommandShortOptionStruct shorts[] = {{'q', nullptr}, {'q', &b}, {0, nullptr}};
-  char* two[] = {prog, dd};
-  EXPECT_EQ(0, NUVSysEnvironParseCommandOptionA(2, two, longs, shorts, &bad));
-  EXPECT_EQ(1, a);
-  EXPECT_EQ(9, b);
+  EXPECT_EQ(0, NUVSysEnvironParseCommandOptionA(2, argv, longs, shorts, &bad));
+  EXPECT_EQ(std::make_pair(1, 9), std::make_pair(a, b));
 }
 
 }  // namespace
