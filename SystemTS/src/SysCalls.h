@@ -85,6 +85,9 @@ struct SysCalls {
   int (*rename)(const char* from, const char* to);
   int (*chmod)(const char* path, mode_t mode);
   int (*mkstemp)(char* pattern);
+  // Fills the XXXXXX of `pattern` with a name no file has now; the name can be
+  // taken by another process before it is used (mkstemp creates the file).
+  char* (*mktemp)(char* pattern);
 
   // Directories.
   DIR* (*opendir)(const char* path);
