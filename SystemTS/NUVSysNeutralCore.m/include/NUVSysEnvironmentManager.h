@@ -73,6 +73,9 @@ class SYSTEMTS_API NUVSysEnvironmentManager {
   NUVSysEnvironmentManager& operator=(const NUVSysEnvironmentManager&) = delete;
 
   // ---- the arrays: each n + 1 null slots, filled by the caller ----
+  // Look-ups visit the lines up to the first null slot; releasing an array
+  // frees the lines of all its n slots. The arrays are the manager's: fill
+  // their slots through BuildEnvironString, never free them.
 
   // Releases the dynamic array and every line in it, then makes a new one.
   // 0, or -1 for n below 0 or when memory runs out (the array is then null).

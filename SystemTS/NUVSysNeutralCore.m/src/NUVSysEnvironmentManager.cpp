@@ -2,6 +2,7 @@
 // variables put at run time, tag registration and expansion, argument suites.
 #include "NUVSysEnvironmentManager.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -42,10 +43,23 @@ const char* lookUpInArray(char** array, const char* name) {
 
 namespace {
 
+// The arrays carry their slot count in a hidden word before the first
+// slot, so that releasing one frees every line, also those after a slot the
+// caller emptied (a look-up stops at the first null slot, a release does not).
+char** newArray(int n) {
+  if (n < 0) return nullptr;
+  auto* base = static_cast<char**>(g_sys.calloc(static_cast<size_t>(n) + 2, sizeof(char*)));
+  if (base == nullptr) return nullptr;
+  base[0] = reinterpret_cast<char*>(static_cast<uintptr_t>(n));
+  return base + 1;
+}
+
 void releaseArray(char** array) {
   if (array == nullptr) return;
-  for (char** p = array; *p != nullptr; ++p) std::free(*p);
-  std::free(array);
+  char** base = array - 1;
+  const auto n = static_cast<size_t>(reinterpret_cast<uintptr_t>(base[0]));
+  for (size_t i = 0; i < n; ++i) std::free(array[i]);
+  std::free(base);
 }
 
 // The variable table: values are malloc copies of text.
@@ -97,6 +111,7 @@ class TagList final : public NUVSysList {
   }
   void DeleteElement(void* e) override { std::free(e); }
   int CompareElements(const void* stored, const void* other) override {
+    if (stored == nullptr || other == nullptr) return stored == other ? 0 : 1;
     return std::strcmp(static_cast<const char*>(other), static_cast<const char*>(stored));
   }
   bool copyFailed = false;
@@ -177,16 +192,14 @@ int NUVSysEnvironmentManager::retireArray(char** array) {
 int NUVSysEnvironmentManager::BuildDynamicEnviron(int n) {
   releaseArray(_pDynamicEnv);
   _pDynamicEnv = nullptr;
-  if (n < 0) return -1;
-  _pDynamicEnv = static_cast<char**>(g_sys.calloc(static_cast<size_t>(n) + 1, sizeof(char*)));
+  _pDynamicEnv = newArray(n);
   return _pDynamicEnv != nullptr ? 0 : -1;
 }
 
 int NUVSysEnvironmentManager::BuildStaticEnviron(int n) {
-  if (n < 0) return -1;
-  auto* array = static_cast<char**>(g_sys.calloc(static_cast<size_t>(n) + 1, sizeof(char*)));
+  char** array = newArray(n);
   if (array == nullptr || retireArray(_pStaticEnv) != 0) {
-    std::free(array);
+    releaseArray(array);
     return -1;
   }
   _pStaticEnv = array;
@@ -194,10 +207,9 @@ int NUVSysEnvironmentManager::BuildStaticEnviron(int n) {
 }
 
 int NUVSysEnvironmentManager::BuildOfficialEnviron(int n) {
-  if (n < 0) return -1;
-  auto* array = static_cast<char**>(g_sys.calloc(static_cast<size_t>(n) + 1, sizeof(char*)));
+  char** array = newArray(n);
   if (array == nullptr || retireArray(_pOfficialEnv) != 0) {
-    std::free(array);
+    releaseArray(array);
     return -1;
   }
   _pOfficialEnv = array;
@@ -249,7 +261,11 @@ int NUVSysEnvironmentManager::BuildEnvironExpandableString(const char* line) {
     if (len > kTagWhole) len = kTagCut;
     const std::string tag(start, len);
     tags->copyFailed = false;
-    if (tags->Add(tag.c_str()) == nullptr && tags->copyFailed) return -1;
+    NUVSysListElementStruct* node = tags->Add(tag.c_str());
+    if (tags->copyFailed) {
+      if (node != nullptr) tags->removeat(node);  // the list keeps no null tag
+      return -1;
+    }
     if (_pExpandableAddrs->addtail(line) == nullptr) return -1;
     NUVSYSTRACE_INFO(_pTrace, "l_pTag=='%s', ipStringAddr=='%s'", tag.c_str(), line);
     pos = end;
