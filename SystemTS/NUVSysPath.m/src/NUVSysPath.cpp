@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "NUVSysEnvironmentManager.h"
 #include "NUVSysPathImpl.h"
 #include "NUVSysTrace.h"
 #include "PathInternal.h"
@@ -29,11 +30,11 @@ void PathTrace(const char* label, const char* text, int level) {
 }
 
 bool LookUpLogicalName(const std::string& name, std::string& value) {
-  // Resolved by NUVGetEnvInt once the application variables are available;
-  // until then no logical name resolves.
-  (void)name;
-  (void)value;
-  return false;
+  if (name.empty()) return false;
+  KELUnicodeString found;
+  if (NUVGetEnvInt(name.c_str(), &found) != 1) return false;
+  value = found.ConvertToUTF8();
+  return true;
 }
 
 }  // namespace systemts::detail
@@ -263,7 +264,8 @@ const char* NUVSysPathImplGetTemporaryDirectoryPathA() {
   return fillOnce(g_temporary, [] {
     // "/tmp" in the environment's code page (the same bytes in every code
     // page the library supports, but converted as any text would be).
-    const char* mbcs = KELUnicodeString::FromUTF8("/tmp").ConvertToChar();
+    const KELUnicodeString text = KELUnicodeString::FromUTF8("/tmp");
+    const char* mbcs = text.ConvertToChar();
     return ::strdup(mbcs && *mbcs ? mbcs : "/tmp");
   });
 }

@@ -316,7 +316,7 @@ int NUVSysPathImpl::split(NUVSysPathImpl* parent, KELUnicodeString* name) const 
   if (_data.path == nullptr || (_data.flags & kInvalid) || _data.length == 0) return E_FAIL;
   const char* p = _data.path;
   size_t n = _data.length;
-  if (n > 1 && p[n - 1] == '/') --n;  // a final "/" does not count
+  if (n > 0 && p[n - 1] == '/') --n;  // a final "/" does not count ("/" alone has no parent)
   const size_t from = (_data.flags & kAbsolute) ? 0 : _data.prefixLength;
   size_t slash = n;
   for (size_t i = n; i > from; --i) {
