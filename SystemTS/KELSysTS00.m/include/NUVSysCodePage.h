@@ -37,10 +37,10 @@
 // identity results). On a UTF-8 converter a capacity of 1 takes the bounded
 // UTF-8 transform's rule below 2 units: when the rest of the text is one
 // one-unit character it is converted, otherwise nothing is consumed and the
-// result is 0 (dst[0] is then 0). The
-// one-shot form writes up to srcLen + 2 units: on a UTF-8 converter a
-// four-byte lead cut off by the end of the text still decodes to a pair,
-// two units from one byte, before the terminating 0. UTF-16 to MBCS writes
+// result is 0 (dst[0] is then 0). The one-shot form writes up to srcLen + 2
+// units: on a UTF-8 converter a four-byte lead cut off by the end of the
+// text still decodes to a pair, two units from one byte, before the
+// terminating 0. UTF-16 to MBCS writes
 // up to 4 * n + 1 bytes (NUVGetMultiByteCharMaxSize() * n + 1 suffices for
 // the process code page). Through iconv the MBCS-to-UTF-16 result is not
 // terminated.

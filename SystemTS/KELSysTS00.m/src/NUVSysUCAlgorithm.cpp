@@ -23,7 +23,7 @@ constexpr unsigned kBadArguments = 0xFFFFFFFFu;
 
 // Whether converting all of [s, e) takes at most `capacity` units (UTF-16
 // output) or bytes (UTF-8 output). Used only for capacities below one
-// character's worst case, so it looks at a character or two at most.
+// character's worst case, so it looks at no more than four characters.
 bool wholeInputFits(const uint8_t* s, const uint8_t* e, unsigned capacity) {
   unsigned need = 0;
   while (s < e && need <= capacity) need += utf16Length(decodeUtf8(s, e));
