@@ -384,16 +384,6 @@ int NUVSysCodePage::_UC2toCPByIdentity(const unsigned short* src, int n, char* d
 
 int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
   if (text == nullptr) return 0;
-  // One unit is asked for at a time, but the UTF-8 method converts the whole
-  // rest at a capacity of 1: room for that keeps every write in bounds.
-  unsigned short small[64];
-  std::unique_ptr<unsigned short[]> big;
-  unsigned short* units = small;
-  if (len + 2 > 64) {
-    big.reset(new (std::nothrow) unsigned short[len + 2]);
-    if (!big) return -1;
-    units = big.get();
-  }
   const char* p = text;
   size_t left = len;
   while (left > 0) {
@@ -401,23 +391,31 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     // keeps the loop a defined, observable wait rather than one the compiler
     // may assume to end.
     if (*static_cast<const volatile char*>(p) == '?') continue;
+    unsigned short unit[2];  // one unit and the terminating 0 some methods add
     const char* q = p;
     size_t l = left;
-    const size_t got = ConvertMBCSToUTF16(q, l, units, 1);
+    size_t got = ConvertMBCSToUTF16(q, l, unit, 1);
+    const size_t consumed = left - l;
+    if (got == 0 && consumed == 0 && _isUTF8 != 0) {
+      // The UTF-8 method converts the rest in one go at a capacity of 1 and
+      // refuses when it is more than one unit: the overflow it always was.
+      got = 2;
+    }
     if (got == 0) return -1;
     if (got != 1) {
       std::fprintf(stderr, "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
       std::fflush(stderr);
       return -1;
     }
+    // The unit must give back exactly the bytes it came from. A bounded call
+    // whose one unit is used up skips a refused character after it without a
+    // replacement: those bytes are consumed but come back from nothing.
     char back[5] = {};
     int produced = 0;
-    ConvertUTF16ToMBCS(units, 1, back, &produced);
-    if (produced < 0 || static_cast<size_t>(produced) > left || std::memcmp(back, p, static_cast<size_t>(produced)) != 0) {
+    ConvertUTF16ToMBCS(unit, 1, back, &produced);
+    if (produced < 1 || static_cast<size_t>(produced) != consumed || std::memcmp(back, p, consumed) != 0) {
       return -1;
     }
-    const size_t consumed = left - l;
-    if (consumed == 0) return -1;  // nothing moved: the character cannot convert
     p += consumed;
     left = l;
   }
