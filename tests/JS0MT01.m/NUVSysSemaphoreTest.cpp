@@ -291,4 +291,28 @@ TEST(NUVSysSemaphoreFaults, AFailedWakeUpIsReportedAndUndone) {
   EXPECT_EQ(0, n);
 }
 
+// A timed waiter whose time runs out just as a Signal hands it a unit takes
+// that unit and the post that goes with it (its wait for the post
+// interrupted once here), leaving no stale post behind.
+NUVSysSemaphore* g_late = nullptr;
+int signalThenTimeOut(sem_t*, const struct timespec*) {
+  EXPECT_EQ(0, g_late->Signal());
+  errno = ETIMEDOUT;
+  return -1;
+}
+
+TEST(NUVSysSemaphoreFaults, AUnitHandedOverAsTheTimeRunsOutIsTaken) {
+  const Sem s = make(1, 0, 0);
+  g_late = s.get();
+  systemts::detail::g_sys.semTimedWait = &signalThenTimeOut;
+  {
+    Fault<&SysCalls::semWait> f(EINTR, -1);
+    EXPECT_EQ(0, s->TimedWait(60000));
+    EXPECT_EQ(2, f.calls());
+  }
+  systemts::detail::g_sys.semTimedWait = systemts::detail::kDefaultSysCalls.semTimedWait;
+  EXPECT_EQ(0, count(s));
+  EXPECT_EQ(1, s->TimedWait(10));  // a stale post would let this through
+}
+
 }  // namespace

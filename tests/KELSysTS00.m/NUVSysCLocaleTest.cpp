@@ -204,4 +204,22 @@ TEST(NUVSysCLocaleFaults, FailuresOfTheFallbackSwitchNothingAndReleaseTheLock) {
   }
 }
 
+TEST(NUVSysCLocaleFaults, AThreadWhoseLocaleCannotBeReadIsTakenAsGlobal) {
+  primeLocaleState();
+  int r = -7;
+  NUVSysCLocale::ThreadLC lc(LC_NUMERIC, "C", &r);
+  ASSERT_EQ(0, r);
+  ASSERT_TRUE(NUVSysCLocaleIsPerThread());
+  Fault<&SysCalls::useLocale> f(EINVAL, nullptr, 1, Fault<&SysCalls::useLocale>::kAlways);
+  EXPECT_FALSE(NUVSysCLocaleIsPerThread());
+  // The conventions then come from the process locale, under the global lock.
+  NUVSysCLocale::LConv conv;
+  EXPECT_EQ(0, NUVSysCLocale::GetLCConv(conv));
+  EXPECT_STREQ(L".", conv.decimal_point());
+  EXPECT_EQ(2, f.failed());
+  f.heal();
+  EXPECT_TRUE(NUVSysCLocaleIsPerThread());
+  EXPECT_EQ(0, switchOnAnotherThread(LC_CTYPE));
+}
+
 }  // namespace

@@ -341,6 +341,38 @@ TEST(NUVSysCodePageFaults, IconvFailuresInTheConversionLoops) {
   }
 }
 
+// A single-byte page's tables are made from iconv on its first use. A call
+// failing meanwhile may cost the tables (conversions then go through iconv)
+// but never gives a wrong result, then or later.
+TEST(NUVSysCodePageFaults, TablesMadeWhileIconvFailsNeverGiveWrongResults) {
+  // Each page is new to this process. Calls 1, 3, ... probe the bytes one by
+  // one (each followed by a reset, 2, 4, ...); 513 and 514 convert them all
+  // at once; later calls make the encoder's blocks.
+  const struct { const char* page; long nth; } kCases[] = {
+      {"ISO-8859-5", 1}, {"CP1251", 2}, {"KOI8-U", 301}, {"CP866", 513},
+      {"ISO-8859-4", 514}, {"CP1250", 700}, {"ISO-8859-10", 1400}};
+  std::string bytes(256, '\0');
+  for (size_t b = 0; b < bytes.size(); ++b) bytes[b] = static_cast<char>(b);
+  U16 units(0x600);
+  for (size_t u = 0; u < units.size(); ++u) units[u] = static_cast<unsigned short>(u);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.page);
+    const IconvPair ref(c.page);
+    ASSERT_TRUE(ref.valid());
+    const NUVSysCodePage cp(c.page);
+    {
+      Fault<&SysCalls::iconv> f(EBADF, static_cast<size_t>(-1), c.nth);
+      testing::internal::CaptureStderr();  // the iconv loop reports the failure if it meets it
+      ours(cp, bytes);
+      oursFrom16(cp, units);
+      testing::internal::GetCapturedStderr();
+      EXPECT_EQ(1, f.failed());
+    }
+    EXPECT_EQ(iconvTo16(ref.to16, bytes), ours(cp, bytes));
+    EXPECT_EQ(iconvFrom16(ref.from16, units), oursFrom16(cp, units));
+  }
+}
+
 TEST(NUVSysCodePageFaults, ANameThatCannotBeCopiedIsNoName) {
   for (const char* name : {"UTF-8", static_cast<const char*>(nullptr)}) {
     SCOPED_TRACE(name != nullptr ? name : "(null)");
