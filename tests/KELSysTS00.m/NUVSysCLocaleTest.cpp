@@ -183,6 +183,20 @@ TEST(NUVSysCLocaleFaults, PerThreadFailuresFallBackToTheProcessLocale) {
     EXPECT_EQ(before, ctypeName());
     EXPECT_EQ(0, switchOnAnotherThread(c.category));  // per thread again, and the lock is free
   }
+  // On a thread with a locale of its own, the base is a copy of that locale.
+  int outer = -7;
+  NUVSysCLocale::ThreadLC own(LC_NUMERIC, "C", &outer);
+  ASSERT_EQ(0, outer);
+  {
+    Fault<&SysCalls::dupLocale> copy(ENOMEM, nullptr);
+    int r = -7;
+    NUVSysCLocale::ThreadLC lc(LC_CTYPE, kOther, &r);
+    EXPECT_EQ(0, r);
+    EXPECT_EQ(1, copy.failed());
+    EXPECT_EQ(kOther, ctypeName());
+  }
+  EXPECT_EQ(before, ctypeName());
+  EXPECT_TRUE(NUVSysCLocaleIsPerThread());
 }
 
 TEST(NUVSysCLocaleFaults, FailuresOfTheFallbackSwitchNothingAndReleaseTheLock) {
