@@ -20,6 +20,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "FaultInjection.h"
 #include "NUVSysNLSEnv.h"
 #include "TestSupport.h"
 
@@ -348,6 +349,33 @@ TEST(KELUnicodeStringConcurrency, SharedCopiesReadAndChangedByFourThreads) {
     EXPECT_EQ(rep(uc)->GetRefCount(), 1);
   }
   EXPECT_EQ(failures.load(), 0);
+}
+
+
+// ---- failures of the operating system ----
+
+TEST(KELUnicodeStringFaults, TextThatCannotBeAllocatedLeavesTheStringEmpty) {
+  using systemts::detail::SysCalls;
+  // Longer than the pooled blocks and than the stack buffer of ConvertToUTF8.
+  const std::string longText(3000, 'a');
+  const std::u16string longUnits(3000, u'a'), upper(3000, u'A');
+  const struct { const char* what; std::function<std::u16string(KELUnicodeString&)> run; std::u16string healed; } kCases[] = {
+      {"BuildFromUTF8", [&](KELUnicodeString& s) { s.BuildFromUTF8(longText.c_str()); return text(s); }, longUnits},
+      {"ToUpper", [](KELUnicodeString& s) { s.ToUpper(); return text(s); }, upper},
+      {"ConvertToUTF8", [](KELUnicodeString& s) { return ucs(s.ConvertToUTF8().empty() ? u"" : u"x").ToU16String(); }, u"x"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    KELUnicodeString s = ucs(longUnits.c_str());
+    {
+      Fault<&SysCalls::malloc> m(ENOMEM, nullptr, 1, Fault<&SysCalls::malloc>::kAlways);
+      Fault<&SysCalls::realloc> r(ENOMEM, nullptr, 1, Fault<&SysCalls::realloc>::kAlways);
+      EXPECT_EQ(u"", c.run(s));
+      EXPECT_EQ(1, m.failed() + r.failed());
+    }
+    s = ucs(longUnits.c_str());
+    EXPECT_EQ(c.healed, c.run(s));
+  }
 }
 
 }  // namespace

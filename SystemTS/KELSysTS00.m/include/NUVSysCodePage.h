@@ -11,6 +11,30 @@
 // A name iconv cannot open is reported once on standard error ("ERROR:
 // SUPPLANG_K2 does not contain a valid code set for code page: <name>.").
 //
+// Messages: a converter writes these on standard error by itself, always
+// (no variable gates them), each flushed at once:
+//   "ERROR: SUPPLANG_K2 does not contain a valid code set for code page:
+//    <name>.\n" (one line)       a name iconv cannot open (see above);
+//   "iconv E2BIG error: buffer overflow. InBytesLeft: <n>\n"
+//                                 MBCS to UTF-16 through iconv in a bounded
+//                                 call of capacity 0 that ran out of room;
+//   "iconv EINVAL error: input buffer was truncated.\n"
+//                                 MBCS to UTF-16 through iconv, the text ends
+//                                 inside a character (it becomes 0x3F00);
+//   "iconv errno is: <errno>\n"   MBCS to UTF-16 through iconv, iconv failed
+//                                 for another reason than a refused
+//                                 character (handled like one);
+//   "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has
+//    occurred!" (no newline)      a character gave more than one unit there.
+// The iconv wrapper's own lines (NUVSysIConvTSWrap.h) and the per-thread
+// locale's (NUVSysCLocale.h) are listed with them.
+//
+// Failure of the operating system: when iconv cannot open a pair (out of
+// descriptors or memory), a converter being built becomes an identity
+// converter as for an unknown name; a converter already built converts by
+// identity on a thread where its descriptors cannot be opened, until they
+// can (each call tries again).
+//
 // Replacements, kept exactly for compatibility:
 // - MBCS to UTF-16 through iconv: a character iconv rejects becomes the unit
 //   0x3F00 (the bytes 0x00 0x3F in UTF-16LE order, not '?' 0x003F), and the
@@ -120,7 +144,8 @@ class SYSTEMTS_API NUVSysCodePage {
 
   // False for an identity (or empty) converter.
   bool IsValid() const;
-  // The code page name, "Identity", or null for an empty converter.
+  // The code page name, "Identity", or null for an empty converter (and when
+  // the copy of the name could not be allocated: the converter still works).
   const char* GetCodePageName() const { return _codePage; }
 
   // Sets the converter up for `codePage` and, when `localeEntry` is given,
@@ -147,6 +172,7 @@ class SYSTEMTS_API NUVSysCodePage {
   int _UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const;
   int _UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const;
   void setIdentity();
+  SYSTEMTS_HIDDEN void setName(const char* name);
 
   char* _codePage;        // owned copy, "Identity", or null
   ToUTF16 _toUTF16;

@@ -13,6 +13,7 @@
 
 #include "NUVSysUCAlgorithm.h"
 #include "StringRep.h"
+#include "SysCalls.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -88,7 +89,7 @@ class Units {
     if (failed_) return false;
     if (need <= capacity_) return true;
     const size_t cap = std::max({need, 2 * capacity_, size_t{16}});
-    auto* grown = static_cast<char16_t*>(std::realloc(data_, 2 * cap));
+    auto* grown = static_cast<char16_t*>(g_sys.realloc(data_, 2 * cap));
     if (grown == nullptr || need > static_cast<size_t>(kMaxUnits)) {
       if (grown != nullptr) data_ = grown;
       failed_ = true;
@@ -418,7 +419,7 @@ std::string KELUnicodeString::ConvertToUTF8() const {
   const auto* b = reinterpret_cast<const unsigned short*>(s.data());
   const size_t room = 3 * s.size() + 1;
   char stack[3072];
-  char* out = room <= sizeof stack ? stack : static_cast<char*>(std::malloc(room));
+  char* out = room <= sizeof stack ? stack : static_cast<char*>(g_sys.malloc(room));
   if (out == nullptr) return std::string();
   const char* end = NUVSysUCAlgorithm::unchecked::utf16to8(b, b + s.size(), out);
   std::string result(out, static_cast<size_t>(end - out));

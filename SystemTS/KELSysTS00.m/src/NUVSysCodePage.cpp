@@ -19,6 +19,7 @@
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "SingleByteTables.h"
+#include "SysCalls.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -30,7 +31,7 @@ constexpr size_t kLocaleBuffer = 85;
 
 char* copyName(const char* s) {
   const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(std::malloc(n));
+  char* c = static_cast<char*>(g_sys.malloc(n));
   if (c != nullptr) std::memcpy(c, s, n);
   return c;
 }
@@ -64,11 +65,14 @@ void NUVSysCodePage::setIdentity() {
   if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
   _toUTF16 = &NUVSysCodePage::_CPtoUC2ByIdentity;
   _fromUTF16 = &NUVSysCodePage::_UC2toCPByIdentity;
-  char* name = copyName("Identity");
-  if (name != nullptr) {
-    std::free(_codePage);
-    _codePage = name;
-  }
+  setName("Identity");
+}
+
+void NUVSysCodePage::setName(const char* name) {
+  // A name that cannot be copied leaves none rather than the previous one,
+  // which would no longer say what the converter does.
+  std::free(_codePage);
+  _codePage = copyName(name);
 }
 
 void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
@@ -99,10 +103,7 @@ void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry
       std::strcpy(_cLocale, "C");
     }
   }
-  if (char* name = copyName(codePage)) {
-    std::free(_codePage);
-    _codePage = name;
-  }
+  setName(codePage);
 }
 
 int NUVSysCodePage::_InitConvDesc(const char* codePage) {
@@ -219,9 +220,9 @@ size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t m
   if (localeName == nullptr) return 1;
   size_t n;
   if (const locale_t l = ctypeLocale(localeName); l != static_cast<locale_t>(nullptr)) {
-    const locale_t previous = uselocale(l);
+    const locale_t previous = g_sys.useLocale(l);
     n = std::mbrlen(s, max, state);
-    uselocale(previous);
+    g_sys.useLocale(previous);
   } else {
     // Not a name newlocale takes: the per-thread switch and its fallback.
     int rc = 0;
@@ -251,7 +252,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
       if (end == RunEnd::Input) break;
       e = end == RunEnd::Refused ? EILSEQ : E2BIG;
     } else {
-      if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
+      if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
       e = errno;
     }
     if (e == E2BIG) {
@@ -291,7 +292,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
   src = in;
   srcLen = static_cast<int>(inLeft);
   dstCap = units;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   return units;
 }
 
@@ -310,7 +311,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
     const int bytes = static_cast<int>(encodeUnits(*table, cd, src, static_cast<size_t>(n), dst));
     dst[bytes] = '\0';
     if (dstLen != nullptr) *dstLen = bytes;
-    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
     return bytes;
   }
   char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
@@ -318,7 +319,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
   char* out = dst;
   size_t outLeft = 4 * static_cast<size_t>(n);
   while (inLeft > 0) {
-    if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
+    if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
     if (inLeft == 0 || outLeft == 0) break;
     *out++ = '?';
     --outLeft;
@@ -328,7 +329,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
   const int bytes = static_cast<int>(out - dst);
   dst[bytes] = '\0';
   if (dstLen != nullptr) *dstLen = bytes;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   return bytes;
 }
 
