@@ -1,9 +1,6 @@
 // The settings reader: the process environment, then the current and the
 // main application context, then the install path, which is computed in
 // child processes started with a chosen argv[0], "PATH" and directory.
-#include <fcntl.h>
-#include <limits.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -136,42 +133,17 @@ TEST(InstallPathChild, Report) {
   std::ofstream(out, std::ios::binary) << path << "|" << rc << "|" << viaEnv;
 }
 
-// Runs the test binary as `argv0` in `dir` with "PATH" set to `pathEnv`
-// (null: unset); what the child reported.
+// Runs the test binary as `argv0` in `dir` with "PATH" set to `pathEnv`;
+// what the child reported.
 std::string runChild(const std::string& argv0, const char* pathEnv, const std::string& dir,
                      const char* fault = nullptr, const char* lang = "C") {
-  char exe[PATH_MAX] = {};
-  if (readlink("/proc/self/exe", exe, sizeof exe - 1) <= 0) return "<no exe>";
-  char out[] = "/tmp/envChildXXXXXX";
-  const int fd = mkstemp(out);
-  if (fd < 0) return "<no file>";
-  close(fd);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setenv(kChildOut, out, 1);
+  return runSelfChild(argv0, "InstallPathChild.Report", kChildOut, [&] {
     if (fault != nullptr) setenv(kChildFault, fault, 1);
-    if (pathEnv != nullptr) {
-      setenv("PATH", pathEnv, 1);
-    } else {
-      unsetenv("PATH");
-    }
+    setenv("PATH", pathEnv, 1);
     unsetenv("KELInstallPath");
     setenv("LANG", lang, 1);
-    if (chdir(dir.c_str()) != 0) _exit(126);
-    const int devNull = open("/dev/null", O_WRONLY);
-    dup2(devNull, 1);
-    std::string filter = "--gtest_filter=InstallPathChild.Report";
-    char* argv[] = {const_cast<char*>(argv0.c_str()), filter.data(), nullptr};
-    execv(exe, argv);
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  std::ifstream in(out, std::ios::binary);
-  std::string got(std::istreambuf_iterator<char>(in), {});
-  unlink(out);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) got += "<status " + std::to_string(status) + ">";
-  return got;
+    return chdir(dir.c_str()) == 0;
+  });
 }
 
 // A directory tree T/opt/a/prog (readable) and T/opt/b (no prog).

@@ -4,16 +4,11 @@
 // rules of the application context's initialise and update.
 #include "NUVSysDevelopmentStageManager.h"
 
-#include <fcntl.h>
-#include <limits.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "FaultInjection.h"
@@ -40,29 +35,8 @@ TEST(DevelopmentStageChild, Report) {
 
 // The stage a child computes with `libraryPath` as LD_LIBRARY_PATH.
 std::string childStage(const std::string& libraryPath) {
-  char exe[PATH_MAX] = {};
-  if (readlink("/proc/self/exe", exe, sizeof exe - 1) <= 0) return "<no exe>";
-  char out[] = "/tmp/stageChildXXXXXX";
-  const int fd = mkstemp(out);
-  if (fd < 0) return "<no file>";
-  close(fd);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setenv(kChildOut, out, 1);
-    setenv("LD_LIBRARY_PATH", libraryPath.c_str(), 1);
-    const int devNull = open("/dev/null", O_WRONLY);
-    dup2(devNull, 1);
-    std::string filter = "--gtest_filter=DevelopmentStageChild.Report";
-    char* argv[] = {exe, filter.data(), nullptr};
-    execv(exe, argv);
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  std::ifstream in(out);
-  std::string got(std::istreambuf_iterator<char>(in), {});
-  unlink(out);
-  return got;
+  return runSelfChild("", "DevelopmentStageChild.Report", kChildOut,
+                      [&] { return setenv("LD_LIBRARY_PATH", libraryPath.c_str(), 1) == 0; });
 }
 
 TEST(NUVSysDevelopmentStage, MarkerModuleOnTheSearchPath) {
