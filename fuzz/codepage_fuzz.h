@@ -24,20 +24,27 @@ inline void fuzzMbcsToUtf16(const NUVSysCodePage& cp, bool chunksMustJoin, const
   int units = -1;
   if (cp.ConvertMBCSToUTF16(text.data(), n, whole.get(), &units) != units || units < 0 || units > n + 1) abort();
 
-  // Resumable, in chunks of 1 to 8 units: each buffer holds capacity + 1,
-  // except that a UTF-8 converter asked for 1 unit converts all that is left.
+  // Resumable, in chunks of 1 to 8 units, each buffer exactly capacity + 1
+  // on the heap. A call that writes and consumes nothing (a character wider
+  // than the room; on a UTF-8 converter at capacity 1, more than one unit
+  // left) is followed by one with room for any character.
   std::vector<unsigned short> joined;
   const char* p = text.data();
   size_t left = text.size();
+  bool refused = false;
   for (unsigned step = 0; p != nullptr && left > 0; ++step) {
-    const size_t cap = 1 + ((seed >> (step % 6)) & 7);
-    const size_t room = cap == 1 ? left + 1 : cap;  // see the one-shot's bound
-    std::unique_ptr<unsigned short[]> buf(new unsigned short[room + 1]);
+    const size_t cap = refused ? 8 : 1 + ((seed >> (step % 6)) & 7);
+    std::unique_ptr<unsigned short[]> buf(new unsigned short[cap + 1]);
     const size_t before = left;
     const size_t got = cp.ConvertMBCSToUTF16(p, left, buf.get(), cap);
     if (got == static_cast<size_t>(-1)) break;
-    if (got > room) abort();
-    if (left >= before && got == 0) break;  // a character wider than the room
+    if (got > cap) abort();
+    if (left >= before && got == 0) {
+      if (refused) break;  // nothing converts even with room
+      refused = true;
+      continue;
+    }
+    refused = false;
     joined.insert(joined.end(), buf.get(), buf.get() + got);
   }
   if (chunksMustJoin && ((p != nullptr && left > 0) || joined != std::vector<unsigned short>(whole.get(), whole.get() + units))) {

@@ -42,12 +42,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   p = units.data();
   len = n;
   unsigned step = 0;
+  bool refused = false;
   while (p) {
-    const unsigned cap = 4 + ((seed >> (step++ % 12)) & 31);
+    // Capacities from 0: below 4 a call either gives its whole result or
+    // refuses (0, nothing consumed); the next call then has room for any
+    // character.
+    const unsigned cap = refused ? 4 : (seed >> (step++ % 12)) % 36;
     std::string buf(cap + 1, '\x5A');
+    const unsigned short* const before = p;
+    const int lenBefore = len;
     const unsigned got = NUVSysUCAlgorithm::ConvertUTF16ToUTF8(p, len, &buf[0], cap);
     if (got > cap || buf[cap] != '\x5A') abort();
-    if (p && (len <= 0 || got == 0)) abort();
+    refused = p != nullptr && got == 0;
+    if (refused) {
+      const unsigned short* q = p;
+      int l = len;
+      if (cap >= 4 || p != before || len != lenBefore || NUVSysUCAlgorithm::ConvertUTF16ToUTF8(q, l, nullptr, 0) <= cap) {
+        abort();
+      }
+    }
+    if (p && len <= 0) abort();
     joined.append(buf.data(), got);
   }
   if (joined != unchecked) abort();

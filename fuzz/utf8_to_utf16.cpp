@@ -40,12 +40,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   p = text.data();
   len = n;
   unsigned step = 0;
+  bool refused = false;
   while (p) {
-    const unsigned cap = 2 + ((seed >> (step++ % 12)) & 15);
+    // Capacities from 0: below 2 a call either gives its whole result or
+    // refuses (0, nothing consumed); the next call then has room for a pair.
+    const unsigned cap = refused ? 2 : (seed >> (step++ % 12)) % 18;
     std::vector<unsigned short> buf(cap + 1, 0xBEEF);
+    const char* const before = p;
+    const int lenBefore = len;
     const unsigned got = NUVSysUCAlgorithm::ConvertUTF8ToUTF16(p, len, buf.data(), cap);
     if (got > cap || buf[cap] != 0xBEEF) abort();
-    if (p && (len <= 0 || got == 0)) abort();
+    refused = p != nullptr && got == 0;
+    if (refused) {
+      const char* q = p;
+      int l = len;
+      if (cap >= 2 || p != before || len != lenBefore || NUVSysUCAlgorithm::ConvertUTF8ToUTF16(q, l, nullptr, 0) <= cap) {
+        abort();
+      }
+    }
+    if (p && len <= 0) abort();
     joined.insert(joined.end(), buf.begin(), buf.begin() + got);
   }
   if (joined != whole) abort();

@@ -6,10 +6,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <thread>
 
+#include "FaultInjection.h"
 #include "KELThreads.h"
 
 namespace {
@@ -110,6 +113,46 @@ TEST(KELResourceLockDebug, OperationCounterDrift) {
   lock.ReadLock();
   lock.ReadUnlock();
   EXPECT_EQ(self->GetLockOperations(), start + 2);  // flag off: untouched
+}
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+
+// Checks in a child process (which reports the first broken check on stderr),
+// since the key is made once per process.
+#define CHILD_CHECK(cond)                                   \
+  do {                                                      \
+    if (!(cond)) {                                          \
+      std::fprintf(stderr, "broken: %s\n", #cond);          \
+      std::exit(1);                                         \
+    }                                                       \
+  } while (0)
+
+TEST(KELThreadsFaults, RecordsWithoutAKeyOrAPlaceUnderIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: no key made yet
+  EXPECT_EXIT(
+      {
+        {
+          Fault<&SysCalls::keyCreate> f(EAGAIN, EAGAIN);
+          CHILD_CHECK(KELThreads::GetCurrent() == nullptr);
+          CHILD_CHECK(KELThreads::Find() == nullptr);
+          CHILD_CHECK(f.failed() == 1);
+          CHILD_CHECK(KELSysMTGetTheKey() != static_cast<unsigned>(-1));  // tried again: made now
+        }
+        {
+          Fault<&SysCalls::setSpecific> f(ENOMEM, ENOMEM);
+          std::thread([] { CHILD_CHECK(KELThreads::GetCurrent() == nullptr); }).join();  // the record is freed
+          CHILD_CHECK(f.failed() == 1);
+        }
+        std::thread([] {
+          KELThreads* self = KELThreads::GetCurrent();
+          CHILD_CHECK(self != nullptr && KELThreads::Find() == self);
+        }).join();
+        std::fprintf(stderr, "all held");
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "all held");
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "FaultInjection.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #define SYSTEMTS_TEST_ASAN 1
 #elif defined(__has_feature)
@@ -182,6 +184,52 @@ TEST(KELSysSimpleHashTable, AllocationFailures) {
   EXPECT_EQ(23, buckets(t));  // unchanged
   for (int i = 0; i < 20; ++i) EXPECT_EQ(item(i), t.Get(i));
 #endif
+}
+
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+using Malloc = Fault<&SysCalls::malloc>;
+
+TEST(KELSysSimpleHashTableFaults, FailedBlocksLeaveTheTableAsItWas) {
+  {
+    Malloc f(ENOMEM, nullptr);  // the first request fails: half of it is taken
+    EXPECT_EQ(53, buckets(Table(100, KELSimpleHashIt, nullptr)));
+  }
+  {
+    Malloc f(ENOMEM, nullptr, 1, Malloc::kAlways);  // every halving fails: no storage
+    Table t(100, KELSimpleHashIt, nullptr);
+    EXPECT_EQ(0, buckets(t));
+    EXPECT_EQ(-1, t.Insert(item(1)));
+    EXPECT_EQ(nullptr, t.InsertAndReturn(item(1)));
+    EXPECT_EQ(-1, t.ReAllocate(0));
+    EXPECT_EQ(0, t.Size());
+  }
+  // Growth on insert (a small block, malloc) and on request (a large one, calloc).
+  Table t(0, chainedHash, valueEqual);
+  int growsAt = 0;
+  {
+    Malloc counter;
+    while (counter.calls() == 0) ASSERT_EQ(1, t.Insert(item(growsAt++)));
+  }
+  Table u(0, chainedHash, valueEqual);
+  for (int i = 0; i + 1 < growsAt; ++i) ASSERT_EQ(1, u.Insert(item(i)));
+  const int before = buckets(u);
+  {
+    Malloc f(ENOMEM, nullptr, 1, Malloc::kAlways);
+    EXPECT_EQ(-1, u.Insert(item(growsAt - 1)));
+    EXPECT_EQ(nullptr, u.InsertAndReturn(item(growsAt - 1)));
+  }
+  {
+    Fault<&SysCalls::calloc> f(ENOMEM, nullptr);
+    EXPECT_EQ(-1, u.ReAllocate(1500000));
+  }
+  EXPECT_EQ(before, buckets(u));
+  EXPECT_EQ(growsAt - 1, u.Size());
+  for (int i = 0; i + 1 < growsAt; ++i) EXPECT_EQ(item(i), u.Locate(item(i))) << i;
+  EXPECT_EQ(1, u.Insert(item(growsAt - 1)));
+  EXPECT_EQ(0, u.ReAllocate(1500000));
 }
 
 }  // namespace

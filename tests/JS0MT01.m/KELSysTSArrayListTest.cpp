@@ -9,6 +9,8 @@
 #include <random>
 #include <vector>
 
+#include "FaultInjection.h"
+
 // Under AddressSanitizer, huge allocations give null as they do without it.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
@@ -97,6 +99,35 @@ TEST(KELSysTSArrayList, TypedListAgainstVector) {
   list.RemoveAll();
   EXPECT_EQ(0, list.Size());
   EXPECT_EQ(capacity, list.Capacity());
+}
+
+
+// ---- failures of the operating system ----
+
+TEST(KELSysTSArrayListFaults, AStoreThatCannotGrowKeepsItsValues) {
+  using Malloc = Fault<&systemts::detail::SysCalls::malloc>;
+  const struct { const char* what; int (*grow)(Store&); } kCases[] = {
+      {"SetCapacity", [](Store& s) { return s.SetCapacity(s.capacity() + 50); }},
+      {"MakeRoom", [](Store& s) { return s.MakeRoom(1, s.capacity() - s.count() + 1); }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    Store s(sizeof(int));
+    ASSERT_EQ(S_OK, s.MakeRoom(0, 3));
+    for (int i = 0; i < 3; ++i) s.ints()[i] = 10 + i;
+    const int capacity = s.capacity();
+    const void* data = s.data();
+    {
+      Malloc f(ENOMEM, nullptr);
+      EXPECT_EQ(E_FAIL, c.grow(s));
+      EXPECT_EQ(1, f.failed());
+    }
+    EXPECT_EQ(3, s.count());
+    EXPECT_EQ(capacity, s.capacity());
+    EXPECT_EQ(data, s.data());
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(10 + i, s.ints()[i]);
+    EXPECT_EQ(S_OK, c.grow(s));
+  }
 }
 
 }  // namespace

@@ -13,6 +13,8 @@
 #include <string>
 #include <utility>
 
+#include "FaultInjection.h"
+
 namespace {
 
 using testing::internal::CaptureStdout;
@@ -173,6 +175,43 @@ TEST(NUVSysHashTable, ReplaceAndFailures) {
     EXPECT_EQ(nullptr, none.Get("a"));
     none.Print();
   }));
+}
+
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+
+TEST(NUVSysHashTableFaults, FailedAllocationsLeaveTheTableAsItWas) {
+  // Construction: the record, then its slots. Without them every operation fails.
+  {
+    Fault<&SysCalls::malloc> f(ENOMEM, nullptr);
+    CountingTable t(7, 1);
+    EXPECT_EQ(-1, t.Add("a", "1"));
+    EXPECT_EQ(-1, t.GetHashSlotIndex("a"));
+  }
+  {
+    Fault<&SysCalls::calloc> f(ENOMEM, nullptr);
+    CountingTable t(7, 1);
+    EXPECT_EQ(-1, t.Add("a", "1"));
+  }
+  // A new pair: the pair, then the key copy (calls 1 and 2).
+  for (long nth : {1, 2}) {
+    SCOPED_TRACE(nth);
+    CountingTable t(7, 1);
+    ASSERT_EQ(0, t.Add("a", "1"));
+    {
+      Fault<&SysCalls::malloc> f(ENOMEM, nullptr, nth);
+      EXPECT_EQ(-1, t.Add("b", "2"));
+      EXPECT_EQ(1, f.failed());
+    }
+    EXPECT_EQ("<none>", t.value("b"));
+    EXPECT_EQ(1, t.copies);  // the value is copied only once the pair and key are there
+    EXPECT_EQ(1u, t.alive.size());
+    EXPECT_EQ(0, t.Add("b", "2"));
+    EXPECT_EQ("2", t.value("b"));
+    EXPECT_EQ("1", t.value("a"));
+  }
 }
 
 }  // namespace

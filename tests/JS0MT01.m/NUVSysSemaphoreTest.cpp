@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "FaultInjection.h"
+
 namespace {
 
 using Sem = std::unique_ptr<NUVSysSemaphore>;
@@ -193,6 +195,124 @@ TEST(NUVSysSemaphore, ExactResultsOfEachCall) {
   EXPECT_EQ(0, v->IncreaseCount(1, 0));
   taker.thread.join();
   EXPECT_EQ(0, count(v));
+}
+
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+
+TEST(NUVSysSemaphoreFaults, CreationNeedsThePosixSemaphore) {
+  {
+    Fault<&SysCalls::semInit> f(ENOSPC, -1, 1, Fault<&SysCalls::semInit>::kAlways);
+    EXPECT_EQ(nullptr, make(1, 0, 0));
+    EXPECT_NE(nullptr, make(1, 0, 1));  // the variable-count kind has none
+    EXPECT_EQ(1, f.failed());
+  }
+  EXPECT_NE(nullptr, make(1, 0, 0));
+}
+
+TEST(NUVSysSemaphoreFaults, TimedWaitGivesTheClockErrorAndTakesNothing) {
+  const Sem s = make(1, 0, 0);
+  Fault<&SysCalls::clockGetTime> f(EINVAL, -1);
+  EXPECT_EQ(SystemTSResultFromErrno(EINVAL), s->TimedWait(50));
+  f.heal();
+  EXPECT_EQ(0, s->Signal());
+  EXPECT_EQ(1, count(s));
+  EXPECT_EQ(0, s->TimedWait(50));
+}
+
+int waitForever(NUVSysSemaphore& s) { return s.Wait(); }
+int waitLong(NUVSysSemaphore& s) { return s.TimedWait(600000); }
+
+// The wait of a sleeper interrupted twice (EINTR) goes on; it then fails for
+// good (EINVAL): the waiter counts itself out, so a unit given afterwards
+// stays for the next taker.
+template <auto Entry>
+void sleeperFaults(int (*wait)(NUVSysSemaphore&)) {
+  {
+    const Sem s = make(1, 0, 0);
+    Fault<Entry> f(EINTR, -1, 1, 2);
+    std::atomic<int> rc{-1};
+    std::thread t([&] { rc = wait(*s); });
+    ASSERT_TRUE(eventually([&] { return f.calls() >= 3; }));  // twice interrupted, then asleep
+    EXPECT_EQ(-1, rc.load());
+    EXPECT_EQ(0, s->Signal());
+    t.join();
+    EXPECT_EQ(0, rc.load());
+    EXPECT_EQ(2, f.failed());
+    EXPECT_EQ(0, count(s));
+  }
+  const Sem s = make(1, 0, 0);
+  {
+    Fault<Entry> f(EINVAL, -1);
+    EXPECT_EQ(SystemTSResultFromErrno(EINVAL), wait(*s));
+  }
+  EXPECT_EQ(0, s->Signal());
+  EXPECT_EQ(1, count(s));
+  EXPECT_EQ(0, s->TimedWait(0));
+}
+
+TEST(NUVSysSemaphoreFaults, SleepsInterruptedOrFailed) {
+  {
+    SCOPED_TRACE("Wait");
+    sleeperFaults<&SysCalls::semWait>(&waitForever);
+  }
+  {
+    SCOPED_TRACE("TimedWait");
+    sleeperFaults<&SysCalls::semTimedWait>(&waitLong);
+  }
+}
+
+// A wake-up the C library refuses leaves the sleeper asleep and the count as
+// it was; the next Signal wakes it.
+TEST(NUVSysSemaphoreFaults, AFailedWakeUpIsReportedAndUndone) {
+  auto s = std::shared_ptr<NUVSysSemaphore>(NUVSysSemaphore::NUVSysCreateSemaphore(1, 0, 0));
+  auto rc = std::make_shared<std::atomic<int>>(-1);
+  Fault<&SysCalls::semWait> sleeps;
+  std::thread t([s, rc] { *rc = s->Wait(); });
+  ASSERT_TRUE(eventually([&] { return sleeps.calls() >= 1; }));
+  {
+    Fault<&SysCalls::semPost> post(EINVAL, -1);
+    EXPECT_EQ(SystemTSResultFromErrno(EINVAL), s->Signal());
+  }
+  int n = -1;
+  EXPECT_EQ(0, s->GetCurrentCount(n));
+  EXPECT_EQ(0, n);
+  EXPECT_EQ(-1, rc->load());
+  EXPECT_EQ(0, s->Signal());
+  if (!eventually([&] { return rc->load() == 0; })) {
+    ADD_FAILURE() << "the sleeper was never woken";
+    t.detach();  // it owns what it uses
+    return;
+  }
+  t.join();
+  EXPECT_EQ(0, s->GetCurrentCount(n));
+  EXPECT_EQ(0, n);
+}
+
+// A timed waiter whose time runs out just as a Signal hands it a unit takes
+// that unit and the post that goes with it (its wait for the post
+// interrupted once here), leaving no stale post behind.
+NUVSysSemaphore* g_late = nullptr;
+int signalThenTimeOut(sem_t*, const struct timespec*) {
+  EXPECT_EQ(0, g_late->Signal());
+  errno = ETIMEDOUT;
+  return -1;
+}
+
+TEST(NUVSysSemaphoreFaults, AUnitHandedOverAsTheTimeRunsOutIsTaken) {
+  const Sem s = make(1, 0, 0);
+  g_late = s.get();
+  systemts::detail::g_sys.semTimedWait = &signalThenTimeOut;
+  {
+    Fault<&SysCalls::semWait> f(EINTR, -1);
+    EXPECT_EQ(0, s->TimedWait(60000));
+    EXPECT_EQ(2, f.calls());
+  }
+  systemts::detail::g_sys.semTimedWait = systemts::detail::kDefaultSysCalls.semTimedWait;
+  EXPECT_EQ(0, count(s));
+  EXPECT_EQ(1, s->TimedWait(10));  // a stale post would let this through
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "FaultInjection.h"
+
 namespace {
 
 struct Releaser {
@@ -145,6 +147,62 @@ TEST(NUVSysTSDataQueue, LastReleaseDestroysButNeverFreesValues) {
   EXPECT_EQ(1, q->PopLast(&v, 0));  // still alive after the first Release
   EXPECT_EQ(0, q->Release());
   for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(static_cast<int>(i), *values[i]);
+}
+
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+
+TEST(NUVSysTSDataQueueFaults, CreationFailsWithoutItsSemaphores) {
+  // A blocking queue makes its items semaphore first; a bounded one then its
+  // space semaphore.
+  const struct { bool blocking; int capacity; long nth; } kCases[] = {
+      {true, 0, 1}, {true, 3, 1}, {true, 3, 2}, {false, 3, 1}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << "blocking " << c.blocking << ", capacity " << c.capacity << ", init " << c.nth);
+    {
+      Fault<&SysCalls::semInit> f(ENOMEM, -1, c.nth);
+      EXPECT_EQ(nullptr, make(c.blocking, c.capacity));
+      EXPECT_EQ(1, f.failed());
+    }
+    EXPECT_NE(nullptr, make(c.blocking, c.capacity));
+  }
+}
+
+TEST(NUVSysTSDataQueueFaults, AValueWithoutANodeIsRefusedAndItsRoomGivenBack) {
+  for (const Shape& s : kShapes) {
+    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    const Queue q = make(s.blocking, s.capacity == 0 ? 0 : 1);
+    {
+      Fault<&SysCalls::alignedAlloc> f(ENOMEM, nullptr);
+      EXPECT_EQ(-1, q->PushFirst(val(1), 0));
+      EXPECT_EQ(1, f.failed());
+    }
+    // With capacity 1 this needs the room the failed push took; and from
+    // another thread, the mutex must be free.
+    std::thread([&] { EXPECT_EQ(1, q->PushFirst(val(2), 0)); }).join();
+    void* out = nullptr;
+    EXPECT_EQ(1, q->PopLast(&out, 0));
+    EXPECT_EQ(val(2), out);
+    EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&out, 0));  // the refused value is not there
+  }
+}
+
+TEST(NUVSysTSDataQueueFaults, AWaitThatCannotReadTheClockIsMinusOne) {
+  const Queue q = make(true, 1);
+  Fault<&SysCalls::clockGetTime> f(EINVAL, -1, 1, Fault<&SysCalls::clockGetTime>::kAlways);
+  void* out = val(9);
+  EXPECT_EQ(-1, q->PopLast(&out, 100));  // empty: the wait needs a deadline
+  EXPECT_EQ(nullptr, out);
+  EXPECT_EQ(1, q->PushFirst(val(1), 100));  // room there: no wait, no clock
+  EXPECT_EQ(-1, q->PushFirst(val(2), 100));
+  f.heal();
+  std::thread([&] {
+    EXPECT_EQ(1, q->PopLast(&out, 100));
+    EXPECT_EQ(val(1), out);
+    EXPECT_EQ(0, q->PopLast(&out, 1));
+  }).join();
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "FaultInjection.h"
 #include "NUVSysCodePage.h"
 #include "TestSupport.h"
 
@@ -246,6 +247,30 @@ TEST(KELInterUnicodeStringDeathTest, LifeCycleSwitches) {
                 std::fprintf(stderr, "<%d %d %d %d>", rc, held, before, after);
               }),
               testing::ExitedWithCode(0), "<0 0 1 2>");
+}
+
+// ---- failures of the operating system ----
+
+// A second view that cannot be allocated is reported and left unbuilt; the
+// next request builds it.
+TEST(KELInterUnicodeStringFaults, ASecondViewWithoutMemory) {
+  using Malloc = Fault<&systemts::detail::SysCalls::malloc>;
+  const std::string text(5000, 'v');  // longer than the pooled blocks
+  const std::u16string wide(text.begin(), text.end());
+  for (Rep* r : {mbcs(text), ucs(wide)}) {
+    SCOPED_TRACE(r->IsUCS() ? "UTF-16 block" : "multi-byte block");
+    {
+      Malloc f(ENOMEM, nullptr);
+      testing::internal::CaptureStderr();
+      r->IsUCS() ? r->_UpdateCharView() : r->_UpdateUnicodeView();
+      EXPECT_EQ("NUVDebugBreak(1)\n", testing::internal::GetCapturedStderr());
+      EXPECT_FALSE(r->HasSecondView());
+    }
+    EXPECT_EQ(wide, units(r));
+    EXPECT_EQ(text, bytes(r));
+    EXPECT_TRUE(r->HasSecondView());
+    EXPECT_EQ(0, r->Release());
+  }
 }
 
 }  // namespace

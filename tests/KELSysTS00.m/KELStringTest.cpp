@@ -15,6 +15,7 @@
 #include <sstream>
 #include <string>
 
+#include "FaultInjection.h"
 #include "TestSupport.h"
 
 namespace {
@@ -339,6 +340,31 @@ TEST(KELStringTest, ReadLineAndStreamOutput) {
   out << '[' << std::setw(4) << KELString("ab") << ']' << KELString();
   EXPECT_EQ("[  ab]", out.str());
   EXPECT_TRUE(out.good());
+}
+
+
+// ---- failures of the operating system ----
+
+TEST(KELStringFaults, TextThatCannotBeAllocatedLeavesTheStringEmpty) {
+  using Malloc = Fault<&systemts::detail::SysCalls::malloc>;
+  const std::string longText(5000, 'k');  // longer than the pooled blocks
+  const struct { const char* what; void (*run)(KELString&, const char*); } kCases[] = {
+      {"construction", [](KELString& s, const char* t) { s = KELString(t); }},
+      {"assignment", [](KELString& s, const char* t) { s = t; }},
+      {"append", [](KELString& s, const char* t) { s += t; }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    KELString s;
+    {
+      Malloc f(ENOMEM, nullptr, 1, Malloc::kAlways);
+      c.run(s, longText.c_str());
+      EXPECT_EQ(0, s.GetLengthInChar());
+      EXPECT_EQ(1, f.failed());
+    }
+    c.run(s, longText.c_str());
+    EXPECT_EQ(longText, s.ConvertToChar());
+  }
 }
 
 }  // namespace

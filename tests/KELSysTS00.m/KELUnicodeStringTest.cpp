@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <clocale>
 #include <functional>
 #include <limits>
@@ -19,6 +20,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "FaultInjection.h"
 #include "NUVSysNLSEnv.h"
 #include "TestSupport.h"
 
@@ -129,17 +131,43 @@ TEST(KELUnicodeString, BuildersAndTheirErrors) {
   EXPECT_EQ(s.BuildFromCodePoint(0x1F600, 2), 0);
   EXPECT_EQ(text(s), (std::u16string{0xD83D, 0xDE00, 0xD83D, 0xDE00}));
 
-  for (auto build : std::vector<std::function<int(KELUnicodeString&)>>{
-           [](KELUnicodeString& x) { return x.BuildFromUTF8(nullptr, 3); },
-           [](KELUnicodeString& x) { return x.BuildFromUCChar(nullptr, 3); },
-           [](KELUnicodeString& x) { return x.BuildFromWChar(nullptr, 3); },
-           [](KELUnicodeString& x) { return x.BuildFromUTF8("abc", -2); }}) {
-    KELUnicodeString x(u"old");
-    EXPECT_EQ(build(x), E_INVALIDARG);
-    EXPECT_EQ(rep(x), emptyRep());
+  EXPECT_EQ(s.BuildFromCodePoint(0x10FFFF), 0);  // the last code point still builds
+  EXPECT_EQ(text(s), (std::u16string{0xDBFF, 0xDFFF}));
+
+  // Failures never answer 0: a builder leaves the string empty, Resize leaves
+  // it as it was. Lengths past the limit are refused before any text is read.
+  const int kNoMemory = SystemTSResultFromErrno(ENOMEM);
+  const wchar_t negative[] = {L'a', static_cast<wchar_t>(-1), 0};
+  const wchar_t beyond[] = {0x110000, 0};
+  const struct { const char* label; std::function<int(KELUnicodeString&)> call; int result; bool kept; } kFailures[] = {
+      {"UTF-8 null with length", [](KELUnicodeString& x) { return x.BuildFromUTF8(nullptr, 3); }, E_INVALIDARG, false},
+      {"UTF-16 null with length", [](KELUnicodeString& x) { return x.BuildFromUCChar(nullptr, 3); }, E_INVALIDARG, false},
+      {"wchar_t null with length", [](KELUnicodeString& x) { return x.BuildFromWChar(nullptr, 3); }, E_INVALIDARG, false},
+      {"UTF-8 length -2", [](KELUnicodeString& x) { return x.BuildFromUTF8("abc", -2); }, E_INVALIDARG, false},
+      {"code point above U+10FFFF", [](KELUnicodeString& x) { return x.BuildFromCodePoint(0x110000); }, E_INVALIDARG, false},
+      {"code point 0xFFFFFFFF", [](KELUnicodeString& x) { return x.BuildFromCodePoint(0xFFFFFFFFu, 3); }, E_INVALIDARG, false},
+      {"negative wchar_t", [&](KELUnicodeString& x) { return x.BuildFromWChar(negative); }, E_INVALIDARG, false},
+      {"wchar_t above U+10FFFF", [&](KELUnicodeString& x) { return x.BuildFromWChar(beyond, 1); }, E_INVALIDARG, false},
+      {"2^40 code points", [](KELUnicodeString& x) { return x.BuildFromCodePoint('a', 1UL << 40); }, kNoMemory, false},
+      {"over 2^30 units in pairs", [](KELUnicodeString& x) { return x.BuildFromCodePoint(0x1F600, (1UL << 29) + 1); }, kNoMemory, false},
+      {"UTF-8 past the limit", [](KELUnicodeString& x) { return x.BuildFromUTF8("a", 1 << 30); }, kNoMemory, false},
+      {"wchar_t past the limit", [](KELUnicodeString& x) { return x.BuildFromWChar(L"a", (1 << 29) + 1); }, kNoMemory, false},
+      {"Resize(INT_MAX)", [](KELUnicodeString& x) { return x.Resize(std::numeric_limits<int>::max()); }, kNoMemory, true},
+      {"Resize past the limit", [](KELUnicodeString& x) { return x.Resize((1 << 30) + 1, u'x'); }, kNoMemory, true},
+  };
+  for (const auto& c : kFailures) {
+    SCOPED_TRACE(c.label);
+    KELUnicodeString x(u"old"), copy = x;
+    Rep* before = rep(x);
+    EXPECT_EQ(c.call(x), c.result);
+    EXPECT_EQ(rep(x), c.kept ? before : emptyRep());
+    EXPECT_EQ(text(copy), u"old");
   }
   EXPECT_EQ(s.BuildFromUTF8(nullptr), 0);
   EXPECT_TRUE(s.IsNull());
+  s = ucs(u"abc");
+  EXPECT_EQ(s.Resize(5, u'.'), 0);
+  EXPECT_EQ(text(s), u"abc..");
 }
 
 template <class Number>
@@ -321,6 +349,33 @@ TEST(KELUnicodeStringConcurrency, SharedCopiesReadAndChangedByFourThreads) {
     EXPECT_EQ(rep(uc)->GetRefCount(), 1);
   }
   EXPECT_EQ(failures.load(), 0);
+}
+
+
+// ---- failures of the operating system ----
+
+TEST(KELUnicodeStringFaults, TextThatCannotBeAllocatedLeavesTheStringEmpty) {
+  using systemts::detail::SysCalls;
+  // Longer than the pooled blocks and than the stack buffer of ConvertToUTF8.
+  const std::string longText(3000, 'a');
+  const std::u16string longUnits(3000, u'a'), upper(3000, u'A');
+  const struct { const char* what; std::function<std::u16string(KELUnicodeString&)> run; std::u16string healed; } kCases[] = {
+      {"BuildFromUTF8", [&](KELUnicodeString& s) { s.BuildFromUTF8(longText.c_str()); return text(s); }, longUnits},
+      {"ToUpper", [](KELUnicodeString& s) { s.ToUpper(); return text(s); }, upper},
+      {"ConvertToUTF8", [](KELUnicodeString& s) { return ucs(s.ConvertToUTF8().empty() ? u"" : u"x").ToU16String(); }, u"x"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    KELUnicodeString s = ucs(longUnits.c_str());
+    {
+      Fault<&SysCalls::malloc> m(ENOMEM, nullptr, 1, Fault<&SysCalls::malloc>::kAlways);
+      Fault<&SysCalls::realloc> r(ENOMEM, nullptr, 1, Fault<&SysCalls::realloc>::kAlways);
+      EXPECT_EQ(u"", c.run(s));
+      EXPECT_EQ(1, m.failed() + r.failed());
+    }
+    s = ucs(longUnits.c_str());
+    EXPECT_EQ(c.healed, c.run(s));
+  }
 }
 
 }  // namespace

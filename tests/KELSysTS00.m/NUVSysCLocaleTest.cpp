@@ -5,10 +5,15 @@
 #include <gtest/gtest.h>
 #include <locale.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <future>
 #include <string>
 #include <thread>
+
+#include "FaultInjection.h"
 
 namespace {
 
@@ -121,6 +126,114 @@ TEST(NUVSysCLocale, LocaleStringFromLanguageEntry) {
   EXPECT_EQ(NUVSysCLocale::GetLocaleStringFromLangString(nullptr, buffer, sizeof buffer), -1);
   EXPECT_EQ(NUVSysCLocale::GetLocaleStringFromLangString("C", nullptr, 85), -1);
   EXPECT_TRUE(haveLocale(NUVSysCLocaleEnvironGet())) << NUVSysCLocaleEnvironGet();
+}
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+using NewLocale = Fault<&SysCalls::newLocale>;
+constexpr const char* kOther = "C.UTF-8";  // always there on the systems we build on
+
+std::string ctypeName() { return setlocale(LC_CTYPE, nullptr); }
+
+// Whether a ThreadLC on another thread gets through (the global lock of the
+// fallback is free), giving its result.
+int switchOnAnotherThread(int category) {
+  auto done = std::async(std::launch::async, [category] {
+    int r = -7;
+    NUVSysCLocale::ThreadLC lc(category, kOther, &r);
+    return r;
+  });
+  if (done.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    ADD_FAILURE() << "the global lock was left held";
+    std::_Exit(1);
+  }
+  return done.get();
+}
+
+// Done once before faults are installed: the capture of the host's locale
+// and the detection of the environment, which use the same calls.
+void primeLocaleState() {
+  NUVSysCLocale::GetLocaleBeforeLoad();
+  NUVSysCLocaleEnvironGet();
+}
+
+TEST(NUVSysCLocaleFaults, PerThreadFailuresFallBackToTheProcessLocale) {
+  primeLocaleState();
+  const std::string before = ctypeName();
+  ASSERT_NE(before, kOther);
+  // From the global locale: query, base from the environment, the changed
+  // locale, install. LC_ALL (6) makes one locale, with no base.
+  const struct { const char* what; int category; long useNth, newNth; } kCases[] = {
+      {"uselocale query", LC_CTYPE, 1, 0}, {"uselocale install", LC_CTYPE, 2, 0},
+      {"newlocale base", LC_CTYPE, 0, 1},  {"newlocale changed", LC_CTYPE, 0, 2},
+      {"newlocale all", 6, 0, 1},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    Fault<&SysCalls::useLocale> use(EINVAL, nullptr, c.useNth ? c.useNth : 1, c.useNth ? 1 : 0);
+    NewLocale made(ENOMEM, nullptr, c.newNth ? c.newNth : 1, c.newNth ? 1 : 0);
+    int r = -7;
+    NUVSysCLocale::ThreadLC lc(c.category, kOther, &r);
+    EXPECT_EQ(0, r);
+    EXPECT_EQ(1, use.failed() + made.failed());
+    EXPECT_FALSE(NUVSysCLocaleIsPerThread());
+    EXPECT_EQ(kOther, ctypeName());  // switched for the whole process
+    lc.Reset();
+    EXPECT_EQ(before, ctypeName());
+    EXPECT_EQ(0, switchOnAnotherThread(c.category));  // per thread again, and the lock is free
+  }
+  // On a thread with a locale of its own, the base is a copy of that locale.
+  int outer = -7;
+  NUVSysCLocale::ThreadLC own(LC_NUMERIC, "C", &outer);
+  ASSERT_EQ(0, outer);
+  {
+    Fault<&SysCalls::dupLocale> copy(ENOMEM, nullptr);
+    int r = -7;
+    NUVSysCLocale::ThreadLC lc(LC_CTYPE, kOther, &r);
+    EXPECT_EQ(0, r);
+    EXPECT_EQ(1, copy.failed());
+    EXPECT_EQ(kOther, ctypeName());
+  }
+  EXPECT_EQ(before, ctypeName());
+  EXPECT_TRUE(NUVSysCLocaleIsPerThread());
+}
+
+TEST(NUVSysCLocaleFaults, FailuresOfTheFallbackSwitchNothingAndReleaseTheLock) {
+  primeLocaleState();
+  const std::string before = ctypeName();
+  NewLocale never(ENOMEM, nullptr, 1, NewLocale::kAlways);  // every ThreadLC takes the fallback
+  // The fallback reads the current name, copies it, then switches.
+  const struct { const char* what; int (*fail)(); int result; } kCases[] = {
+      {"read", [] { Fault<&SysCalls::setLocale> f(ENOMEM, nullptr, 1); int r; NUVSysCLocale::ThreadLC lc(LC_CTYPE, kOther, &r); return r; }, E_FAIL},
+      {"copy", [] { Fault<&SysCalls::malloc> f(ENOMEM, nullptr, 1); int r; NUVSysCLocale::ThreadLC lc(LC_CTYPE, kOther, &r); return r; }, E_FAIL},
+      {"switch", [] { Fault<&SysCalls::setLocale> f(ENOENT, nullptr, 2); int r; NUVSysCLocale::ThreadLC lc(LC_CTYPE, kOther, &r); return r; }, E_INVALIDARG},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(c.result, c.fail());
+    EXPECT_EQ(before, ctypeName());
+    EXPECT_EQ(0, switchOnAnotherThread(LC_CTYPE));  // through the fallback: the lock is free
+    EXPECT_EQ(before, ctypeName());
+  }
+}
+
+TEST(NUVSysCLocaleFaults, AThreadWhoseLocaleCannotBeReadIsTakenAsGlobal) {
+  primeLocaleState();
+  int r = -7;
+  NUVSysCLocale::ThreadLC lc(LC_NUMERIC, "C", &r);
+  ASSERT_EQ(0, r);
+  ASSERT_TRUE(NUVSysCLocaleIsPerThread());
+  Fault<&SysCalls::useLocale> f(EINVAL, nullptr, 1, Fault<&SysCalls::useLocale>::kAlways);
+  EXPECT_FALSE(NUVSysCLocaleIsPerThread());
+  // The conventions then come from the process locale, under the global lock.
+  NUVSysCLocale::LConv conv;
+  EXPECT_EQ(0, NUVSysCLocale::GetLCConv(conv));
+  EXPECT_STREQ(L".", conv.decimal_point());
+  EXPECT_EQ(2, f.failed());
+  f.heal();
+  EXPECT_TRUE(NUVSysCLocaleIsPerThread());
+  EXPECT_EQ(0, switchOnAnotherThread(LC_CTYPE));
 }
 
 }  // namespace

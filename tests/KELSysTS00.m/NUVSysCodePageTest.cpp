@@ -8,12 +8,14 @@
 #include <gtest/gtest.h>
 #include <iconv.h>
 
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "FaultInjection.h"
 #include "IconvReference.h"
 #include "KELSysTSCodePage.h"
 #include "NUVSysIConvTSWrap.h"
@@ -92,9 +94,66 @@ TEST(NUVSysCodePage, TwoWayTests) {
   for (const auto& [units, want] : {std::pair<U16, int>{{0x63, 0xE9}, 0}, {{0x63, 0x20AC}, -1}, {{0x3F, 0x3F}, 0}}) {
     EXPECT_EQ(latin1.CanConvertUTF16ToMBCS(units.data(), 2), want);
   }
-  NUVSysCodePage sjis("SHIFT_JIS");
-  EXPECT_EQ(sjis.CanConvertMBCSToUTF16("\x82\xA0", 2), 0);
-  EXPECT_EQ(sjis.CanConvertMBCSToUTF16("\x81\x20", 2), -1);
+  // Every character is judged, not only the first: a bad one after good ones
+  // fails the text, wherever it stands.
+  const struct { const char* page; std::string text; int want; } kCases[] = {
+      {"SHIFT_JIS", "\x82\xA0", 0}, {"SHIFT_JIS", "\x81\x20", -1}, {"SHIFT_JIS", "a\xFF", -1},
+      {"SHIFT_JIS", "\xFF", -1},     {"SHIFT_JIS", "ab\x82\xA0", 0}, {"SHIFT_JIS", "a\x82\xA0\xFF", -1},
+      {"CP1252", "A\x81", -1},       {"CP1252", "A\x80", 0},         {"ISO-8859-7", "a\xAE", -1},
+      {"ISO-8859-7", "a\xE1", 0},    {"EUC-JP", "a\xA0", -1},        {"EUC-JP", "a\xA4\xA2", 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.page) + " " + testing::PrintToString(c.text));
+    EXPECT_EQ(NUVSysCodePage(c.page).CanConvertMBCSToUTF16(c.text.data(), c.text.size()), c.want);
+  }
+}
+
+// The resumable form at capacities 0 to 4 into exactly dstCap + 1 units on the
+// heap (its documented room; ASan sees a write past it). No call writes more
+// than dstCap units; a call that writes nothing consumes nothing, and only
+// when what is next needs more room. On valid text the pieces put together
+// are the one-shot result; on refused bytes only the bounds are checked (a
+// refused character at the edge of the room is skipped without replacement).
+TEST(NUVSysCodePage, ResumableAtTinyCapacitiesStaysInBounds) {
+  const struct { const char* page; std::string valid, refused; } kPages[] = {
+      {"UTF-8", "a\xC3\xA9\xF0\x9F\x98\x80" "b\xE2\x82\xAC", "\xFF\xF0\x9F"},
+      {"SHIFT_JIS", "a\x82\xA0" "b\x82\xA2", "\xFF" "a\x81\x20\x82"},
+      {"GB18030", "a\x95\x32\x82\x36" "b", "\x81\x30\xFF"},
+      {"ISO-8859-1", "caf\xE9", ""},
+      // CP1255 drops a letter held back at the end of a call (see the header):
+      // bounds only.
+      {"CP1255", "", "\xE0\xE1 \xE0\xFF\xE0"},
+      {"N/A", "a\xE9", ""},
+  };
+  testing::internal::CaptureStderr();  // iconv's notes on cut input
+  for (const auto& c : kPages) {
+    const NUVSysCodePage cp(c.page);
+    for (const std::string* text : {&c.valid, &c.refused}) {
+      const bool valid = text == &c.valid;
+      for (size_t cap = 0; cap <= 4; ++cap) {
+        SCOPED_TRACE(std::string(c.page) + " " + testing::PrintToString(*text) + " cap " + std::to_string(cap));
+        const char* p = text->data();
+        size_t left = text->size(), room = cap;
+        U16 pieces;
+        while (p != nullptr && left > 0) {
+          std::unique_ptr<unsigned short[]> dst(new unsigned short[room + 1]);
+          const char* before = p;
+          const size_t got = cp.ConvertMBCSToUTF16(p, left, dst.get(), room);
+          ASSERT_LE(got, room);
+          if (got == 0 && p == before) {
+            ASSERT_TRUE(!valid || room < 2 || std::string(c.page) == "GB18030");  // a pair needs 2
+            room = 8;  // the rest with room enough for any character
+            continue;
+          }
+          pieces.insert(pieces.end(), dst.get(), dst.get() + got);
+        }
+        if (valid) {
+          EXPECT_EQ(ours(cp, *text), pieces);
+        }
+      }
+    }
+  }
+  testing::internal::GetCapturedStderr();
 }
 
 TEST(NUVSysCodePage, NextCharacter) {
@@ -257,6 +316,160 @@ TEST(NUVSysIConvTSWrapDeathTest, AfterTeardownConvertersFallBackToIdentity) {
         std::exit(before && threadsOk && refused && identity ? 3 : 1);
       },
       testing::ExitedWithCode(3), "");
+}
+
+
+// ---- failures of the operating system ----
+
+using systemts::detail::SysCalls;
+using IconvOpen = Fault<&SysCalls::iconvOpen>;
+using Malloc = Fault<&SysCalls::malloc>;
+const iconv_t kNoCd = reinterpret_cast<iconv_t>(-1);
+
+// Runs `f` on a thread of its own: descriptors are opened per thread, on a
+// thread's first use of a pair.
+template <class F>
+void onFreshThread(F f) {
+  std::thread(f).join();
+}
+
+TEST(NUVSysCodePageFaults, DescriptorsThatCannotBeOpenedMeanIdentityUntilTheyCan) {
+  const NUVSysCodePage greek("ISO-8859-7");
+  ASSERT_TRUE(greek.IsValid());
+  const U16 alpha = {0x03B1}, widened = {0x00E1};
+  ASSERT_EQ(alpha, ours(greek, "\xE1"));
+  // Calls 1 and 2 open the two directions of the pair. EINVAL says iconv does
+  // not know the pair: that is remembered for the thread.
+  const struct { int err; long nth; bool recovers; } kCases[] = {
+      {EMFILE, 1, true}, {ENFILE, 2, true}, {ENOMEM, 1, true}, {EINVAL, 2, false}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << "errno " << c.err << " on open " << c.nth);
+    IconvOpen f(c.err, kNoCd, c.nth);
+    onFreshThread([&] {
+      EXPECT_EQ(widened, ours(greek, "\xE1"));
+      EXPECT_EQ("?", oursFrom16(greek, U16{0x3F}).substr(0, 1));
+      f.heal();
+      EXPECT_EQ(c.recovers ? alpha : widened, ours(greek, "\xE1"));
+    });
+    EXPECT_EQ(1, f.failed());
+  }
+  // A converter built while iconv cannot open its pair is an identity one.
+  IconvOpen f(EMFILE, kNoCd, 1, IconvOpen::kAlways);
+  onFreshThread([&] {
+    testing::internal::CaptureStderr();
+    const NUVSysCodePage built("ISO-8859-7");
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(built.IsValid());
+    EXPECT_STREQ("Identity", built.GetCodePageName());
+    EXPECT_EQ(widened, ours(built, "\xE1"));
+    EXPECT_EQ("ERROR: SUPPLANG_K2 does not contain a valid code set for code page: ISO-8859-7.\n", said);
+  });
+}
+
+// The iconv loops on a multi-byte code page: a first call that fails
+// without converting anything.
+TEST(NUVSysCodePageFaults, IconvFailuresInTheConversionLoops) {
+  const NUVSysCodePage eucjp("EUC-JP");
+  const std::string text = "a\xA4\xA2" "b";  // a, HIRAGANA A, b
+  const U16 units = {0x61, 0x3042, 0x62};
+  ASSERT_EQ(units, ours(eucjp, text));  // the converter is warmed up on this thread
+  ASSERT_EQ(text, oursFrom16(eucjp, units));
+  const U16 replaced = {0x3F00, 0x3042, 0x62};  // the first character skipped and replaced
+  // From UTF-16 every failure is a refused unit: '?', and on after it.
+  const std::string questioned = "?\xA4\xA2" "b";
+  const struct { int err; const char* message; U16 to16; } kCases[] = {
+      {EILSEQ, "", replaced},
+      {EINVAL, "iconv EINVAL error: input buffer was truncated.\n", replaced},
+      {EBADF, "iconv errno is: 9\n", replaced},
+      {E2BIG, "", {}},  // no room: the conversion stops
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.err);
+    {
+      Fault<&SysCalls::iconv> f(c.err, static_cast<size_t>(-1));
+      testing::internal::CaptureStderr();
+      EXPECT_EQ(c.to16, ours(eucjp, text));
+      EXPECT_EQ(c.message, testing::internal::GetCapturedStderr());
+    }
+    {
+      Fault<&SysCalls::iconv> f(c.err, static_cast<size_t>(-1));
+      EXPECT_EQ(questioned, oursFrom16(eucjp, units));
+    }
+    EXPECT_EQ(units, ours(eucjp, text));
+  }
+}
+
+// A single-byte page's tables are made from iconv on its first use. A call
+// failing meanwhile may cost the tables (conversions then go through iconv)
+// but never gives a wrong result, then or later.
+TEST(NUVSysCodePageFaults, TablesMadeWhileIconvFailsNeverGiveWrongResults) {
+  // Each page is new to this process. Calls 1, 3, ... probe the bytes one by
+  // one (each followed by a reset, 2, 4, ...); 513 and 514 convert them all
+  // at once; from about 517 on, odd calls probe the units of the encoder's
+  // blocks.
+  const struct { const char* page; long nth; } kCases[] = {
+      {"ISO-8859-5", 1}, {"CP1251", 2}, {"KOI8-U", 301}, {"CP866", 513},
+      {"ISO-8859-4", 514}, {"CP1250", 701}, {"ISO-8859-10", 1401}};
+  std::string bytes(256, '\0');
+  for (size_t b = 0; b < bytes.size(); ++b) bytes[b] = static_cast<char>(b);
+  U16 units(0x600);
+  for (size_t u = 0; u < units.size(); ++u) units[u] = static_cast<unsigned short>(u);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.page);
+    const IconvPair ref(c.page);
+    ASSERT_TRUE(ref.valid());
+    const NUVSysCodePage cp(c.page);
+    {
+      Fault<&SysCalls::iconv> f(EBADF, static_cast<size_t>(-1), c.nth);
+      testing::internal::CaptureStderr();  // the iconv loop reports the failure if it meets it
+      ours(cp, bytes);
+      oursFrom16(cp, units);
+      testing::internal::GetCapturedStderr();
+      EXPECT_EQ(1, f.failed());
+    }
+    EXPECT_EQ(iconvTo16(ref.to16, bytes), ours(cp, bytes));
+    EXPECT_EQ(iconvFrom16(ref.from16, units), oursFrom16(cp, units));
+  }
+}
+
+TEST(NUVSysCodePageFaults, ANameThatCannotBeCopiedIsNoName) {
+  for (const char* name : {"UTF-8", static_cast<const char*>(nullptr)}) {
+    SCOPED_TRACE(name != nullptr ? name : "(null)");
+    Malloc f(ENOMEM, nullptr);
+    const NUVSysCodePage cp(name);
+    EXPECT_EQ(nullptr, cp.GetCodePageName());
+    EXPECT_EQ((U16{0xE9}), ours(cp, name != nullptr ? "\xC3\xA9" : "\xE9"));  // it converts all the same
+  }
+}
+
+TEST(NUVSysIConvTSWrapFaults, RegistrationAndDescriptorsWithoutMemory) {
+  // Open: the pair, then the copies of the two names.
+  for (long nth : {1, 2, 3}) {
+    SCOPED_TRACE(nth);
+    const std::string from = "ISO-8859-" + std::to_string(12 + nth);  // a pair no other test registers
+    IConvDesc_t desc = 12345;
+    {
+      Malloc f(ENOMEM, nullptr, nth);
+      EXPECT_EQ(E_FAIL, NUVSysIConvTSWrap::Open("UCS-2LE", from.c_str(), desc));
+      EXPECT_EQ(12345u, desc);
+    }
+    ASSERT_EQ(S_OK, NUVSysIConvTSWrap::Open("UCS-2LE", from.c_str(), desc));
+    IConvDesc_t again = 0;
+    ASSERT_EQ(S_OK, NUVSysIConvTSWrap::Open("UCS-2LE", from.c_str(), again));
+    EXPECT_EQ(desc, again);  // registered once
+  }
+  // A thread's first use: its record, then the copies of the two names.
+  IConvDesc_t desc = 0;
+  ASSERT_EQ(S_OK, NUVSysIConvTSWrap::Open("UTF-16LE", "KOI8-R", desc));
+  for (long nth : {1, 2, 3}) {
+    SCOPED_TRACE(nth);
+    Malloc f(ENOMEM, nullptr, nth);
+    onFreshThread([&] {
+      EXPECT_EQ(kNoCd, NUVSysIConvTSWrap::GetIConvDesc(desc));
+      EXPECT_NE(kNoCd, NUVSysIConvTSWrap::GetIConvDesc(desc));  // tried again
+      EXPECT_NE(kNoCd, NUVSysIConvTSWrap::GetIConvDesc(desc + 1));
+    });
+  }
 }
 
 }  // namespace

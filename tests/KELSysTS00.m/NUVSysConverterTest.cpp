@@ -3,6 +3,8 @@
 // are the fuzz target base64_decode's.
 #include "NUVSysConverter.h"
 
+#include "KELSysTSCodePage.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -79,6 +81,37 @@ TEST(NUVSysConverter, EncodingResults) {
   text = reinterpret_cast<char*>(1);
   EXPECT_EQ(E_FAIL, NUVSysConverter::ConvertToBase64(&one, SIZE_MAX, text));
   EXPECT_EQ(nullptr, text);
+}
+
+// The string code's front takes 32-bit lengths and a non-const byte pointer:
+// taking the functions at exactly those types is what a caller built against
+// them links to.
+TEST(NUVSysConverter, StringFrontForwardsWith32BitLengths) {
+  int (*const toBase64)(unsigned char*, unsigned int, char*&) = &KELSysTSCodePage::ConvertToBase64;
+  int (*const fromBase64)(const char*, unsigned char*&, unsigned int&) = &KELSysTSCodePage::ConvertFromBase64;
+  unsigned char man[] = {0x4D, 0x61, 0x6E, 0x4D};
+  const struct { unsigned int n; const char* text; } kCases[] = {{4, "TWFuTQ=="}, {2, "TWE="}, {0, ""}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    char* text = nullptr;
+    ASSERT_EQ(0, toBase64(man, c.n, text));
+    EXPECT_STREQ(c.text, text);
+    unsigned char* data = nullptr;
+    unsigned int n = 99;
+    EXPECT_EQ(0, fromBase64(text, data, n));
+    EXPECT_EQ(c.n, n);
+    EXPECT_EQ(0, c.n == 0 ? 0 : std::memcmp(man, data, c.n));
+    delete[] data;
+    delete[] text;
+  }
+  char* text = reinterpret_cast<char*>(1);
+  EXPECT_EQ(E_FAIL, toBase64(nullptr, 3, text));
+  EXPECT_EQ(nullptr, text);
+  unsigned char* data = reinterpret_cast<unsigned char*>(1);
+  unsigned int n = 7;
+  EXPECT_EQ(E_FAIL, fromBase64("TQ=A", data, n));
+  EXPECT_EQ(nullptr, data);
+  EXPECT_EQ(0u, n);
 }
 
 // Lengths up to 400 bytes cross the vector block sizes of both directions.

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -135,6 +136,60 @@ TEST(NUVSysUCAlgorithm, BoundedConversionResults) {
   unsigned short buf[4];
   EXPECT_EQ(3u, Alg::ConvertUTF8ToUCS2(p, ulen, buf, 4));
   EXPECT_EQ(0ul, ulen);
+}
+
+// Drives a bounded converter over `in` with room for exactly `cap` items on
+// the heap (new[], so that ASan sees a write one past it), call after call.
+// Every call stays within `cap` and either makes progress or refuses with
+// nothing written and nothing consumed, which it may only do when all that is
+// left needs more than `cap`; the rest then goes through with ample room. The
+// pieces put together must be the one-shot conversion.
+template <typename In, typename Out, typename Convert>
+::testing::AssertionResult chunkedWithin(const std::vector<In>& in, unsigned cap, Convert convert) {
+  static const In kNone{};
+  const In* const begin = in.empty() ? &kNone : in.data();  // a real pointer, also for no input
+  const In* p = begin;
+  int left = static_cast<int>(in.size());
+  std::vector<Out> whole(4 * in.size() + 4), pieces;
+  const In* wp = begin;
+  int wleft = left;
+  whole.resize(convert(wp, wleft, whole.data(), static_cast<unsigned>(whole.size())));
+  while (p != nullptr && left > 0) {
+    std::unique_ptr<Out[]> room(new Out[cap]);
+    const In* before = p;
+    const int leftBefore = left;
+    const unsigned got = convert(p, left, room.get(), cap);
+    if (got > cap) return ::testing::AssertionFailure() << got << " items at room " << cap;
+    if (got == 0) {
+      if (p != before || left != leftBefore) return ::testing::AssertionFailure() << "consumed without writing";
+      const In* q = p;
+      int l = left;
+      const unsigned need = convert(q, l, nullptr, 0);
+      if (need <= cap) return ::testing::AssertionFailure() << "refused " << need << " items at room " << cap;
+      cap = 8;  // the rest with room enough for any character
+      continue;
+    }
+    pieces.insert(pieces.end(), room.get(), room.get() + got);
+  }
+  if (pieces != whole) return ::testing::AssertionFailure() << "pieces differ from the one-shot result";
+  return ::testing::AssertionSuccess();
+}
+
+// Capacities 0 to 4, below and at one character's worst case: nothing is
+// written past the room; a call whose whole result fits keeps it; any other
+// refuses as "more room" (0, source untouched).
+TEST(NUVSysUCAlgorithm, TinyCapacitiesStayInBounds) {
+  const std::string kTexts[] = {"", "a", "ab", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "a\xF0\x9F\x98\x80" "b",
+                                "\xE2\x82\xAC\xC3\xA9z", "\xE2\x82", "\xFF\x80", mixedUtf8().substr(36, 30)};
+  for (const std::string& text : kTexts) {
+    const std::vector<char> bytes(text.begin(), text.end());
+    const U16 units = ours8to16(text);
+    for (unsigned cap = 0; cap <= 4; ++cap) {
+      SCOPED_TRACE(testing::PrintToString(text) + " cap " + std::to_string(cap));
+      EXPECT_TRUE((chunkedWithin<char, unsigned short>(bytes, cap, Alg::ConvertUTF8ToUTF16)));
+      EXPECT_TRUE((chunkedWithin<unsigned short, char>(units, cap, Alg::ConvertUTF16ToUTF8)));
+    }
+  }
 }
 
 TEST(NUVSysUCAlgorithm, LegacyDecoderStatuses) {

@@ -79,7 +79,7 @@ TEST(NUVSysEnvironmentManager, PrecedenceTableOfficialStaticDynamic) {
   EXPECT_EQ(0, f.m.ReplaceEnvInTable("A", "tab2"));
   EXPECT_EQ("tab2", f.get("A"));
   EXPECT_EQ(-1, f.m.ReplaceEnvInTable("absent", "x"));
-  // The case of the Part's example: dynamic 1, static 2, table 3.
+  // Dynamic 1, static 2, then the table's 3 over both.
   Filled g;
   g.fill(2, {"A=1"});
   g.fill(1, {"A=2"});

@@ -3,6 +3,11 @@
 #ifndef SYSTEMTS_TESTS_TEST_SUPPORT_H
 #define SYSTEMTS_TESTS_TEST_SUPPORT_H
 
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -29,6 +34,42 @@ template <class F>
 [[noreturn]] void runThenExit(F f) {
   f();
   std::exit(0);
+}
+
+// Runs this test program again as a child process with argv[0] `argv0` (the
+// program's own path when empty), running only the tests `filter`, after
+// `setup` ran in the child (environment, current directory; a false result
+// ends the child). The child's test writes its report to the file named by
+// the environment variable `outVar`; the report is returned, followed by
+// "<status N>" when the child did not exit with 0. Standard output of the
+// child is dropped.
+template <class F>
+std::string runSelfChild(const std::string& argv0, const std::string& filter, const char* outVar, F setup) {
+  char exe[PATH_MAX] = {};
+  if (readlink("/proc/self/exe", exe, sizeof exe - 1) <= 0) return "<no exe>";
+  char out[] = "/tmp/childReportXXXXXX";
+  const int fd = mkstemp(out);
+  if (fd < 0) return "<no file>";
+  close(fd);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setenv(outVar, out, 1);
+    if (!setup()) _exit(126);
+    const int devNull = open("/dev/null", O_WRONLY);
+    dup2(devNull, 1);
+    std::string first = argv0.empty() ? exe : argv0;
+    std::string only = "--gtest_filter=" + filter;
+    char* argv[] = {first.data(), only.data(), nullptr};
+    execv(exe, argv);
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  std::ifstream in(out, std::ios::binary);
+  std::string got(std::istreambuf_iterator<char>(in), {});
+  unlink(out);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) got += "<status " + std::to_string(status) + ">";
+  return got;
 }
 
 #endif  // SYSTEMTS_TESTS_TEST_SUPPORT_H

@@ -27,7 +27,9 @@ class SYSTEMTS_API KELThreads {
   };
 
   // The calling thread's record, made on the first call from that thread and
-  // freed when the thread ends. Null only when it cannot be allocated.
+  // freed when the thread ends. Null when it cannot be allocated, when the
+  // key cannot be made (tried again on the next call) or when the record
+  // cannot be stored under the key (the record is then freed).
   static KELThreads* GetCurrent();
   // The calling thread's record if it has one, else null. Never allocates.
   static KELThreads* Find();
@@ -57,7 +59,9 @@ class SYSTEMTS_API KELThreads {
 };
 
 // The thread-specific key under which KELThreads records are kept (a
-// pthread_key_t), created once on first need. Never deleted.
+// pthread_key_t), created once on first need. Never deleted. When the key
+// cannot be created (the process ran out of keys) the result is
+// (unsigned int)-1, which is no valid key, and the next call tries again.
 SYSTEMTS_API unsigned int KELSysMTGetTheKey();
 
 // The thread-debug flag (see above). Null until thread_trace_init() ran, which

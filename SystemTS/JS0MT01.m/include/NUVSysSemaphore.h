@@ -53,7 +53,9 @@ class SYSTEMTS_API NUVSysSemaphore {
 
   // Gives back one unit and wakes a waiter if there is one. Returns 0, or
   // 0x80004005 (E_FAIL) with the count unchanged when the count already
-  // equals the maximum, or the error code of errno when waking fails.
+  // equals the maximum, or the error code of errno when waking fails (plain
+  // kind: the POSIX semaphore refused the post); the count is then as before
+  // the call and the waiter goes on sleeping until a later Signal.
   virtual int Signal() = 0;
 
   // n = the maximum count. Returns 0.

@@ -27,6 +27,7 @@
 
 #include <sys/mman.h>
 
+#include "SysCalls.h"
 using Entry = KELSysSimpleHashTable::Entry;
 
 unsigned int KELSimpleHashIt(void* item) {
@@ -89,13 +90,13 @@ bool isPointerSet(unsigned int (*hash)(void*), int (*equal)(void*, void*)) {
 Entry** newBlock(uint32_t buckets) {
   const size_t bytes = blockBytes(buckets);
   if (bytes < kHugePageAdviceBytes) {
-    auto* heads = static_cast<Entry**>(std::malloc(bytes));
+    auto* heads = static_cast<Entry**>(systemts::detail::g_sys.malloc(bytes));
     if (heads == nullptr) return nullptr;
     std::memset(heads, 0, size_t{buckets} * sizeof(Entry*));
     *leadOf(heads, buckets) = 0;
     return heads;
   }
-  char* const raw = static_cast<char*>(std::calloc(1, bytes + kHugePageBytes));
+  char* const raw = static_cast<char*>(systemts::detail::g_sys.calloc(1, bytes + kHugePageBytes));
   if (raw == nullptr) return nullptr;
   const uintptr_t begin = (reinterpret_cast<uintptr_t>(raw) + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
   // Up to the last whole huge page inside the block.

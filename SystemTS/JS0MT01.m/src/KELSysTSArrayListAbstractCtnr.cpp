@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "SysCalls.h"
 namespace {
 
 unsigned char* bytes(void* data) { return static_cast<unsigned char*>(data); }
@@ -52,7 +53,7 @@ int KELSysTSArrayListAbstractCtnr::SetCapacity(int c) {
     return S_OK;
   }
   if (_elementSize < 1) return E_FAIL;
-  void* data = std::malloc(static_cast<size_t>(c) * static_cast<size_t>(_elementSize));
+  void* data = systemts::detail::g_sys.malloc(static_cast<size_t>(c) * static_cast<size_t>(_elementSize));
   if (data == nullptr) return E_FAIL;
   if (_count > 0) std::memcpy(data, _data, static_cast<size_t>(_count) * static_cast<size_t>(_elementSize));
   std::free(_data);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "SysCalls.h"
 namespace systemts::detail {
 namespace {
 
@@ -175,11 +176,11 @@ int NUVSysHashTable::Erase() {
 
 NUVSysHashTableStruct* NUVSysHashTable::CreateTable(int size, int allowCollisions) {
   if (size < 1) return nullptr;
-  auto* table = static_cast<NUVSysHashTableStruct*>(std::malloc(sizeof(NUVSysHashTableStruct)));
+  auto* table = static_cast<NUVSysHashTableStruct*>(systemts::detail::g_sys.malloc(sizeof(NUVSysHashTableStruct)));
   if (table == nullptr) return nullptr;
   table->allowCollisions = allowCollisions;
   table->size = size;
-  table->slots = static_cast<Pair**>(std::calloc(static_cast<size_t>(size), sizeof(Pair*)));
+  table->slots = static_cast<Pair**>(systemts::detail::g_sys.calloc(static_cast<size_t>(size), sizeof(Pair*)));
   if (table->slots == nullptr) {
     std::free(table);
     return nullptr;
@@ -202,13 +203,15 @@ int NUVSysHashTable::DestroyTable(NUVSysHashTableStruct*& table) {
 
 NUVSysHashTableEntryStruct* NUVSysHashTable::NewPair(const char* key, const void* value) {
   if (key == nullptr || value == nullptr) return nullptr;
-  auto* pair = static_cast<Pair*>(std::malloc(sizeof(Pair)));
+  auto* pair = static_cast<Pair*>(systemts::detail::g_sys.malloc(sizeof(Pair)));
   if (pair == nullptr) return nullptr;
-  pair->key = strdup(key);
+  const size_t keyBytes = std::strlen(key) + 1;
+  pair->key = static_cast<char*>(systemts::detail::g_sys.malloc(keyBytes));
   if (pair->key == nullptr) {
     std::free(pair);
     return nullptr;
   }
+  std::memcpy(pair->key, key, keyBytes);
   pair->value = CopyValue(value);
   pair->next = nullptr;
   if (pair->value == nullptr) {

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "NUVSysSemaphoreImpl.h"
+#include "SysCalls.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ int errnoResult() { return SystemTSResultFromErrno(errno); }
 // sem_timedwait. 0 or the error code of errno.
 int deadlineAfter(int ms, timespec& deadline) {
   timespec now;
-  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return errnoResult();
+  if (systemts::detail::g_sys.clockGetTime(CLOCK_REALTIME, &now) != 0) return errnoResult();
   const int64_t total = (static_cast<int64_t>(now.tv_sec) * 1000 + ms) * 1000000 + now.tv_nsec;
   deadline.tv_sec = static_cast<time_t>(total / 1000000000);
   deadline.tv_nsec = static_cast<long>(total % 1000000000);
@@ -79,7 +80,7 @@ int NUVSysSemaphore::DecreaseCount(int n) {
 NUVSysSemaphoreImpl::NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries)
     : _currentCount(initialCount), _maxCount(maxCount), _spinTries(spinTries) {
   // The POSIX count stays 0 but for hand-offs to sleeping threads.
-  if (sem_init(&_sem, 0, 0) == 0) _initialised = 1;
+  if (systemts::detail::g_sys.semInit(&_sem, 0, 0) == 0) _initialised = 1;
 }
 
 NUVSysSemaphoreImpl::~NUVSysSemaphoreImpl() {
@@ -106,7 +107,7 @@ bool NUVSysSemaphoreImpl::spinTake() {
 
 int NUVSysSemaphoreImpl::sleepForUnit(const timespec* deadline) {
   for (;;) {
-    const int rc = deadline != nullptr ? sem_timedwait(&_sem, deadline) : sem_wait(&_sem);
+    const int rc = deadline != nullptr ? systemts::detail::g_sys.semTimedWait(&_sem, deadline) : systemts::detail::g_sys.semWait(&_sem);
     if (rc == 0) return 0;  // a Signal handed us its unit
     const int e = errno;
     if (e == EINTR) continue;  // a signal handler ran: same deadline, wait on
@@ -120,7 +121,7 @@ int NUVSysSemaphoreImpl::sleepForUnit(const timespec* deadline) {
     }
     // Too late: a Signal counted us in and handed us a unit; its post is on
     // the way or already there. Take it, so that no stale post is left.
-    while (sem_wait(&_sem) != 0) {
+    while (systemts::detail::g_sys.semWait(&_sem) != 0) {
       if (errno != EINTR) return errnoResult();
     }
     return 0;
@@ -154,7 +155,13 @@ int NUVSysSemaphoreImpl::Signal() {
     // at 0 even with sleepers.
     if ((c > 0 ? c : 0) >= _maxCount) return E_FAIL;
   } while (!_currentCount.compare_exchange_weak(c, c + 1, std::memory_order_release, std::memory_order_relaxed));
-  if (c < 0 && sem_post(&_sem) != 0) return errnoResult();
+  if (c < 0 && systemts::detail::g_sys.semPost(&_sem) != 0) {
+    // The sleeper cannot be woken: take the unit back, so that the count
+    // still says one thread sleeps without a unit (a later Signal wakes it).
+    const int rc = errnoResult();
+    _currentCount.fetch_sub(1, std::memory_order_relaxed);
+    return rc;
+  }
   return 0;
 }
 

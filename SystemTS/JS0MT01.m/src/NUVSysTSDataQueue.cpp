@@ -10,6 +10,7 @@
 
 #include "KELMutexUnix.h"
 #include "NUVSysSemaphoreImpl.h"
+#include "SysCalls.h"
 
 struct NUVSysTSDataQueue::Node {
   void* value;
@@ -35,7 +36,7 @@ struct NUVSysTSDataQueue::Slab {
 
   static Slab* make() {
     static_assert(sizeof(Slab) <= sizeof(Node), "the header fits in one slot");
-    void* memory = std::aligned_alloc(kBytes, kBytes);
+    void* memory = systemts::detail::g_sys.alignedAlloc(kBytes, kBytes);
     return memory != nullptr ? new (memory) Slab : nullptr;
   }
   static void destroy(Slab* slab) { std::free(slab); }

@@ -33,6 +33,20 @@
 // once, the first time a non-printable byte is met). KELSysUTF8Str takes any
 // bytes. Outside the development stage no text is checked.
 //
+// Messages, on standard output and only in the development stage:
+//   the printable check (gated also by "KELStringWarningSuppress"), five
+//   lines: a line of 85 '*', "* [KELString][Warning] The code '<position>'
+//   does not map to a printable US ASCII character. *" (one line),
+//   "* String: \"<text>\".", "* STACK TRACE:" padded with spaces to a final
+//   '*', and the line of '*' again;
+//   the conversion of UTF-16 text with a unit above 126 to the multi-byte
+//   form (not gated), five lines framed by lines of 63 '*': "* [KELString]
+//   Risk of data corruption detected:", "* Non-ASCII Unicode data is being
+//   converted to MBCS (char *).", "* STACK TRACE:" (each padded to a final
+//   '*').
+// And on standard error, "NUVDebugBreak(1)" (KELInterUnicodeString.h) for a
+// null source handle, in every stage.
+//
 // Growth: appends allocate exactly the new length (no growth factor), so a
 // string built by many small appends is copied on nearly every one of them.
 // This is intended; build long texts elsewhere and assign them once.

@@ -23,9 +23,15 @@ class SYSTEMTS_API KELSysTSCodePage {
   // The unchecked UTF-16 to UTF-8 transform (no terminator); stores the
   // bytes through `dstLen` when non-null. Returns 0.
   static int ConvertUCS2ToUTF8(unsigned short* src, int n, char* dst, size_t* dstLen);
-  // NUVSysConverter::ConvertToBase64 and ConvertFromBase64.
-  static int ConvertToBase64(const unsigned char* data, size_t n, char*& text);
-  static int ConvertFromBase64(const char* text, unsigned char*& data, size_t& n);
+  // NUVSysConverter::ConvertToBase64 and ConvertFromBase64 with 32-bit
+  // lengths; `data` is only read (the parameter is not const, as callers
+  // built against this signature expect). Ownership and failures as in
+  // NUVSysConverter.h: `text`/`data` come from new[], the caller delete[]s
+  // them; 0x80004005 (E_FAIL) with `text` null, or `data` null and `n` 0.
+  // A decoded length that does not fit in 32 bits is such a failure too,
+  // never a truncated count.
+  static int ConvertToBase64(unsigned char* data, unsigned int n, char*& text);
+  static int ConvertFromBase64(const char* text, unsigned char*& data, unsigned int& n);
 };
 
 #endif  // KELSYSTSCODEPAGE_H

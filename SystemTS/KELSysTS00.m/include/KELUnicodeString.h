@@ -24,7 +24,8 @@
 //
 // Bad input: out-of-range positions and lengths are clamped (documented on
 // each operation), null pointers are taken as empty text, and nothing throws
-// or aborts. Text that cannot be allocated leaves the string empty.
+// or aborts. Text that cannot be allocated leaves the string empty, except
+// where an operation says otherwise (the builders and Resize report it).
 //
 // Threads: distinct KELUnicodeString objects may be read, copied, converted
 // and changed on different threads at once even when they share their text
@@ -81,18 +82,25 @@ class SYSTEMTS_API KELUnicodeString {
   KELUnicodeString& operator=(const char* text);
   KELUnicodeString& operator=(std::u16string_view text);
 
-  // The builders replace the whole text and return 0; E_INVALIDARG (the
-  // string then empty) for a null text with a length other than 0 or -1.
-  // A length of -1 means "up to the terminating 0".
+  // The builders replace the whole text and return 0. On failure the string
+  // is empty afterwards and the result says why:
+  //   E_INVALIDARG  a null text with a length other than 0 or -1; a code
+  //                 point, or a wchar_t value, above 0x10FFFF (negative
+  //                 wchar_t values included);
+  //   0x8007000C    (SystemTSResultFromErrno(ENOMEM)) the text would pass the
+  //                 limit of 2^30 UTF-16 units, or memory could not be had.
+  // A length of -1 means "up to the terminating 0". Lone surrogates are not
+  // refused (text is taken as UTF-16 units, as everywhere in the class).
   // UTF-8, decoded leniently as NUVSysUCAlgorithm does (malformed bytes are
   // never refused).
   int BuildFromUTF8(const char* utf8, int len = -1);
   // UTF-16 code units, taken as they are.
   int BuildFromUCChar(const unsigned short* text, int len = -1);
   // wchar_t text: UTF-32 code points on this platform; above 0xFFFF they
-  // become surrogate pairs.
+  // become surrogate pairs. A value outside 0..0x10FFFF fails the whole text.
   int BuildFromWChar(const wchar_t* text, int len = -1);
-  // `codePoint` `count` times (a surrogate pair each above 0xFFFF).
+  // `codePoint` `count` times (a surrogate pair each above 0xFFFF); count 0
+  // gives the empty string and 0.
   int BuildFromCodePoint(unsigned codePoint, unsigned long count = 1);
   // Decimal text of a number. Doubles are written in the shortest form that
   // reads back to the same value ("0.1", "1e+20", "-0", "inf", "nan"), always
@@ -187,7 +195,10 @@ class SYSTEMTS_API KELUnicodeString {
   // Removes `len` units from `start` (clamped as SubString).
   KELUnicodeString& Remove(int start, int len = -1);
   // Cuts the text to n units, or pads it with `fill` up to n (n < 0: 0).
-  KELUnicodeString& Resize(int n, char16_t fill = u' ');
+  // Returns 0; 0x8007000C (SystemTSResultFromErrno(ENOMEM)) when n passes
+  // the limit of 2^30 units or memory could not be had, and the string then
+  // keeps its text unchanged.
+  int Resize(int n, char16_t fill = u' ');
   // Removes white space (Unicode White_Space) from the start, the end or both.
   enum StripMode { kStripLeading = 1, kStripTrailing = 2, kStripBoth = 3 };
   KELUnicodeString& Strip(StripMode mode = kStripBoth);
@@ -215,6 +226,8 @@ class SYSTEMTS_API KELUnicodeString {
   // old text.
   SYSTEMTS_HIDDEN void reset(KELInterUnicodeString* fresh);
   SYSTEMTS_HIDDEN void assignUnits(const char16_t* units, size_t n);
+  // Leaves the string empty and returns `result` (a builder's failure path).
+  SYSTEMTS_HIDDEN int emptied(int result);
   // Replaces units [start, start + len) of the UTF-16 text by n units from
   // `units`; `source` (may be null) is the block `units` lives in, kept alive
   // for the duration.

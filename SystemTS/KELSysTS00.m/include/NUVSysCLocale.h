@@ -12,8 +12,27 @@
 // InitLocaleFromEnvironment or GetLCConv captures the process's LC_ALL locale
 // string as the host program had it (GetLocaleBeforeLoad returns it).
 //
-// Messages (through LogNLSCore, so only with "NUVSysNLSCoreTrace" set): ERROR
-// lines on standard error, WARNING lines on standard output.
+// Messages, written through LogNLSCore (NUVSysNLSEnv.h), so only while the
+// environment variable "NUVSysNLSCoreTrace" is set, each prefixed with
+// "[PID:<pid>]"; <err> is ENOMEM, EINVAL, ENOENT or Unknown:
+//   standard error, when the per-thread path fails (ThreadLC):
+//     "[NUVSysCLocale::ThreadLC][ERROR] uselocale((locale_t)0) returned <err>"
+//     "[NUVSysCLocale::ThreadLC][ERROR] _get_changed_locale(locObj, <mask>,
+//      \"<name>\") returned <err>"
+//     "[NUVSysCLocale::ThreadLC][ERROR] newlocale(LC_ALL_MASK, \"<name>\",
+//      (locale_t)0) returned <err>"
+//     "[NUVSysCLocale::ThreadLC][ERROR] uselocale(newLoc) returned <err>"
+//   standard output, when ThreadLC takes the fallback:
+//     "[NUVSysCLocale::ThreadLC][WARNING] Failed to set a per-thread C locale
+//      with error <err>: <strerror text>"
+//   standard output, GetLCConv without a per-thread locale:
+//     "[NUVSysCLocale::ThreadLC][WARNING] MT-unsafe environment! GetLCConv is
+//      taking a global lock - Locale per-thread: false | MT-safe localeconv:
+//      false"
+//   standard error, LConv::_ReInitDecimalPoint without a decimal point:
+//     "[LConv::_ReInitDecimalPoint][WARNING] Failed to retrieve the decimal
+//      point from localeconv!"
+// (A long line is wrapped here; each is one line, ending in a newline.)
 #ifndef NUVSYSCLOCALE_H
 #define NUVSYSCLOCALE_H
 
@@ -30,9 +49,13 @@ class SYSTEMTS_API NUVSysCLocale {
   // locale, NUVSysCLocaleEnvironGet, when the thread was on the global one);
   // any other value changes every category.
   // *result (when `result` is non-null): 0 switched; 1 the process locale
-  // already had that name (fallback only); E_FAIL for a null name or when
-  // the current name cannot be read; E_INVALIDARG when the process-wide
-  // switch is refused (unknown name). Not copyable; use on one thread.
+  // already had that name (fallback only); E_FAIL for a null name, when
+  // the current name cannot be read or its copy cannot be allocated (nothing
+  // switched); E_INVALIDARG when the process-wide switch is refused (unknown
+  // name). On every failure the global lock is released before the
+  // constructor returns. Not copyable; use on one thread.
+  // Failures of the per-thread path (uselocale or newlocale refusing, out of
+  // memory) are not results: they lead to the fallback.
   class SYSTEMTS_API ThreadLC {
    public:
     ThreadLC(int category, const char* localeName, int* result);
@@ -116,7 +139,8 @@ class SYSTEMTS_API NUVSysCLocale {
   // setlocale(category, name) after the pending capture; null without doing
   // anything when the calling thread has its own locale.
   static const char* SetLocale(int category, const char* name);
-  // The process's LC_ALL locale string as first captured ("" if none).
+  // The process's LC_ALL locale string as first captured ("" if none, or
+  // when setlocale could not tell it).
   static const char* GetLocaleBeforeLoad();
   // The pending capture, then setlocale(LC_ALL, "").
   static void InitLocaleFromEnvironment();

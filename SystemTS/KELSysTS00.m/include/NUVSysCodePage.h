@@ -11,6 +11,30 @@
 // A name iconv cannot open is reported once on standard error ("ERROR:
 // SUPPLANG_K2 does not contain a valid code set for code page: <name>.").
 //
+// Messages: a converter writes these on standard error by itself, always
+// (no variable gates them), each flushed at once:
+//   "ERROR: SUPPLANG_K2 does not contain a valid code set for code page:
+//    <name>.\n" (one line)       a name iconv cannot open (see above);
+//   "iconv E2BIG error: buffer overflow. InBytesLeft: <n>\n"
+//                                 MBCS to UTF-16 through iconv in a bounded
+//                                 call of capacity 0 that ran out of room;
+//   "iconv EINVAL error: input buffer was truncated.\n"
+//                                 MBCS to UTF-16 through iconv, the text ends
+//                                 inside a character (it becomes 0x3F00);
+//   "iconv errno is: <errno>\n"   MBCS to UTF-16 through iconv, iconv failed
+//                                 for another reason than a refused
+//                                 character (handled like one);
+//   "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has
+//    occurred!" (no newline)      a character gave more than one unit there.
+// The iconv wrapper's own lines (NUVSysIConvTSWrap.h) and the per-thread
+// locale's (NUVSysCLocale.h) are listed with them.
+//
+// Failure of the operating system: when iconv cannot open a pair (out of
+// descriptors or memory), a converter being built becomes an identity
+// converter as for an unknown name; a converter already built converts by
+// identity on a thread where its descriptors cannot be opened, until they
+// can (each call tries again).
+//
 // Replacements, kept exactly for compatibility:
 // - MBCS to UTF-16 through iconv: a character iconv rejects becomes the unit
 //   0x3F00 (the bytes 0x00 0x3F in UTF-16LE order, not '?' 0x003F), and the
@@ -33,12 +57,14 @@
 //   the library's unchecked transforms do.
 //
 // Buffers: a bounded MBCS-to-UTF-16 call with capacity c may write c + 1
-// units (a terminating 0 follows the UTF-8 and identity results), except
-// that on a UTF-8 converter a capacity of 1 converts everything left (the
-// bounded UTF-8 transform's rule below 2): give it srcLen + 2 units. The
-// one-shot form writes up to srcLen + 2 units: on a UTF-8 converter a
-// four-byte lead cut off by the end of the text still decodes to a pair,
-// two units from one byte, before the terminating 0. UTF-16 to MBCS writes
+// units: size `dst` for c + 1 (a terminating 0 follows the UTF-8 and
+// identity results). On a UTF-8 converter a capacity of 1 takes the bounded
+// UTF-8 transform's rule below 2 units: when the rest of the text is one
+// one-unit character it is converted, otherwise nothing is consumed and the
+// result is 0 (dst[0] is then 0). The one-shot form writes up to srcLen + 2
+// units: on a UTF-8 converter a four-byte lead cut off by the end of the
+// text still decodes to a pair, two units from one byte, before the
+// terminating 0. UTF-16 to MBCS writes
 // up to 4 * n + 1 bytes (NUVGetMultiByteCharMaxSize() * n + 1 suffices for
 // the process code page). Through iconv the MBCS-to-UTF-16 result is not
 // terminated.
@@ -82,8 +108,8 @@ class SYSTEMTS_API NUVSysCodePage {
   // and returns them; 0 for a null `src` or `dst`, a negative `srcLen` or an
   // empty converter.
   int ConvertMBCSToUTF16(const char* src, int srcLen, unsigned short* dst, int* dstLen) const;
-  // Resumable: writes at most `dstCap` units (plus a terminating 0, see
-  // Buffers), advances `src` and lowers `srcLen` by the bytes consumed, and
+  // Resumable: writes at most `dstCap` units plus a terminating 0, so `dst`
+  // holds dstCap + 1 units (see Buffers); advances `src` and lowers `srcLen` by the bytes consumed, and
   // sets `src` to null once `srcLen` reaches 0. Returns the units written;
   // 0 when `dstCap` is 0 or an argument is null; (size_t)-1 when the UTF-8
   // transform refuses its arguments.
@@ -94,7 +120,8 @@ class SYSTEMTS_API NUVSysCodePage {
   int ConvertUTF16ToMBCS(const unsigned short* src, int n, char* dst, int* dstLen) const;
 
   // 0 when every character of the `len` bytes converts to one UTF-16 unit and
-  // back to the same bytes, -1 otherwise; 0 for a null text.
+  // back to exactly its own bytes, -1 otherwise; 0 for a null text. Each
+  // character is judged, the last as much as the first.
   // Warning, kept for compatibility: a '?' byte counts as convertible but the
   // scan does not move past it, so text holding '?' before its end never
   // returns. Do not pass such text.
@@ -117,7 +144,8 @@ class SYSTEMTS_API NUVSysCodePage {
 
   // False for an identity (or empty) converter.
   bool IsValid() const;
-  // The code page name, "Identity", or null for an empty converter.
+  // The code page name, "Identity", or null for an empty converter (and when
+  // the copy of the name could not be allocated: the converter still works).
   const char* GetCodePageName() const { return _codePage; }
 
   // Sets the converter up for `codePage` and, when `localeEntry` is given,
@@ -144,6 +172,7 @@ class SYSTEMTS_API NUVSysCodePage {
   int _UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const;
   int _UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const;
   void setIdentity();
+  SYSTEMTS_HIDDEN void setName(const char* name);
 
   char* _codePage;        // owned copy, "Identity", or null
   ToUTF16 _toUTF16;

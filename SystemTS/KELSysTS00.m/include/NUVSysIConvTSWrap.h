@@ -16,9 +16,22 @@
 // lookup gives (iconv_t)-1, so converters fall back to their identity
 // methods.
 //
-// Messages: with the environment variable "ADL_ODT_IN" set (read once), the
-// wrap reports invalid handles and code pages iconv cannot open on standard
-// error, and the two shut-down notices on standard output.
+// Messages: the wrap writes only while the environment variable "ADL_ODT_IN"
+// is set (read once, on the first message), each line flushed at once:
+//   standard error:
+//     "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n"
+//         GetIConvDesc of a handle that was never registered;
+//     "[NUVSysIConvTSWrap] failed to initialize converters for conversion
+//      <from> <-> <to>\n" (one line)
+//         iconv could not open the pair on the calling thread;
+//   standard output:
+//     "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no
+//      longer supported.\n" (one line)
+//         sDeinitIConvTS, when descriptors were in use;
+//     "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has
+//      been dropped in a earlier stage\n." (one line, the period after the
+//      newline as it always was)
+//         the first GetIConvDesc after sDeinitIConvTS.
 //
 // Threads: Open and GetIConvDesc from any thread. sDeinitIConvTS is for
 // process shut-down, when no other thread converts any more.
@@ -40,8 +53,11 @@ class SYSTEMTS_API NUVSysIConvTSWrap {
   static int Open(const char* toCode, const char* fromCode, IConvDesc_t& desc);
   // The calling thread's descriptor for `desc`, opened on first use; the
   // caller must not close it. (iconv_t)-1 for an unknown handle, a pair
-  // iconv cannot open (remembered: later calls fail fast), or after
-  // sDeinitIConvTS.
+  // iconv does not know (EINVAL from iconv_open: remembered, later calls
+  // fail fast), after sDeinitIConvTS, and while the pair cannot be opened
+  // for a passing reason (out of descriptors or memory): then every later
+  // call on that thread tries again, and gets the descriptor once the
+  // process has room.
   static iconv_t GetIConvDesc(IConvDesc_t desc);
   // Creates the registry's mutex and the descriptor queue if absent (the
   // first Open does this). The argument is unused.

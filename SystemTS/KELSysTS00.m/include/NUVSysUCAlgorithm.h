@@ -59,8 +59,15 @@ class SYSTEMTS_API NUVSysUCAlgorithm {
   // - Writing mode: writes at most `capacity` units and returns the count. A
   //   character that no longer fits is given back whole (`src` points at its
   //   first byte, `srcLen` counts it again), so a surrogate pair is never
-  //   split. Callers pass a capacity of at least 2: below that the limit wraps
-  //   in unsigned arithmetic and the output is written without bound.
+  //   split. Nothing is written past `capacity` units and no terminator is
+  //   added.
+  // - Capacities 0 and 1: the classic algorithm writes the first character
+  //   without a room test and, its limit wrapping, everything after it. A call
+  //   whose whole output fits (an empty input, or at capacity 1 a single
+  //   one-unit character) gives exactly that result; any other writes
+  //   nothing, returns 0 and leaves `src` and `srcLen` as they were: the
+  //   "call again with more room" result. Give at least 2 units to make
+  //   progress on any input.
   // - When everything was consumed, `srcLen` is 0 and `src` is null. A
   //   non-null `src` with `srcLen` > 0 means: call again with more room. A
   //   sequence cut by the end of the input counts as consumed (its missing
@@ -75,10 +82,13 @@ class SYSTEMTS_API NUVSysUCAlgorithm {
 
   // Bounded, resumable UTF-16 to UTF-8, the mirror of ConvertUTF8ToUTF16 with
   // units in and bytes out. The last character that does not fit in the room
-  // left is given back whole. Callers pass a capacity of at least 4 bytes:
-  // below that the limit wraps and the output is written without bound. A high
-  // surrogate in the last position takes a zero unit as its partner and counts
-  // as consumed. Failure: 0xFFFFFFFF when `src` is null or `srcLen` < 0.
+  // left is given back whole; nothing is written past `capacity` bytes and no
+  // terminator is added. Capacities 0 to 3, where the classic limit wraps: a
+  // call whose whole output fits gives that result; any other writes nothing,
+  // returns 0 and leaves `src` and `srcLen` as they were (call again with at
+  // least 4 bytes). A high surrogate in the last position takes a zero unit
+  // as its partner and counts as consumed. Failure: 0xFFFFFFFF when `src` is
+  // null or `srcLen` < 0.
   static unsigned int ConvertUTF16ToUTF8(const unsigned short*& src, int& srcLen, char* out,
                                          unsigned int capacity);
   static unsigned int ConvertUCS2ToUTF8(const unsigned short*& src, unsigned long& srcLen,

@@ -13,6 +13,7 @@
 #include "NUVSysNLSEnv.h"
 #include "NUVSysUCAlgorithm.h"
 #include "StringRep.h"
+#include "SysCalls.h"
 
 using Rep = KELInterUnicodeString;
 
@@ -54,7 +55,7 @@ void* poolAllocate(size_t& size) noexcept {
     --c.count;
     return block;
   }
-  return std::malloc(size);
+  return g_sys.malloc(size);
 }
 
 void poolRelease(void* block, size_t statedSize) noexcept {

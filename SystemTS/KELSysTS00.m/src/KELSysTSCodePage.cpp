@@ -2,6 +2,8 @@
 // transforms and the base64 converter.
 #include "KELSysTSCodePage.h"
 
+#include <limits>
+
 #include "NUVSysCodePage.h"
 #include "NUVSysConverter.h"
 #include "NUVSysUCAlgorithm.h"
@@ -32,10 +34,21 @@ int KELSysTSCodePage::ConvertUCS2ToUTF8(unsigned short* src, int n, char* dst, s
   return 0;
 }
 
-int KELSysTSCodePage::ConvertToBase64(const unsigned char* data, size_t n, char*& text) {
+int KELSysTSCodePage::ConvertToBase64(unsigned char* data, unsigned int n, char*& text) {
   return NUVSysConverter::ConvertToBase64(data, n, text);
 }
 
-int KELSysTSCodePage::ConvertFromBase64(const char* text, unsigned char*& data, size_t& n) {
-  return NUVSysConverter::ConvertFromBase64(text, data, n);
+int KELSysTSCodePage::ConvertFromBase64(const char* text, unsigned char*& data, unsigned int& n) {
+  size_t decoded = 0;
+  n = 0;
+  const int rc = NUVSysConverter::ConvertFromBase64(text, data, decoded);
+  if (rc != 0) return rc;
+  if (decoded > std::numeric_limits<unsigned int>::max()) {
+    // Over 4 GiB decoded: a 32-bit count would lie about the buffer.
+    delete[] data;
+    data = nullptr;
+    return E_FAIL;
+  }
+  n = static_cast<unsigned int>(decoded);
+  return 0;
 }

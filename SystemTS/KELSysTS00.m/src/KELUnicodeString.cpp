@@ -3,6 +3,7 @@
 #include "KELUnicodeString.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 
 #include "NUVSysUCAlgorithm.h"
 #include "StringRep.h"
+#include "SysCalls.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -20,6 +22,13 @@ using Rep = KELInterUnicodeString;
 namespace {
 
 Rep* emptyRep() { return Rep::_KELSysEmptyStringPtr; }
+
+// What a builder or an edit gives when memory cannot be had, or a text would
+// pass the 2^30-unit limit of a string.
+const int kOutOfMemory = SystemTSResultFromErrno(ENOMEM);
+// The largest code point; wchar_t values and code points above it (negative
+// wchar_t values included) have no UTF-16 form.
+constexpr uint32_t kMaxCodePoint = 0x10FFFF;
 
 // The UTF-16 text of a block (its view built once when it is multi-byte).
 std::u16string_view unitsOf(Rep* r) {
@@ -80,7 +89,7 @@ class Units {
     if (failed_) return false;
     if (need <= capacity_) return true;
     const size_t cap = std::max({need, 2 * capacity_, size_t{16}});
-    auto* grown = static_cast<char16_t*>(std::realloc(data_, 2 * cap));
+    auto* grown = static_cast<char16_t*>(g_sys.realloc(data_, 2 * cap));
     if (grown == nullptr || need > static_cast<size_t>(kMaxUnits)) {
       if (grown != nullptr) data_ = grown;
       failed_ = true;
@@ -190,6 +199,11 @@ KELUnicodeString::KELUnicodeString(std::u16string_view text) : KELUnicodeString(
   assignUnits(text.data(), text.size());
 }
 
+int KELUnicodeString::emptied(int result) {
+  reset(emptyRep());
+  return result;
+}
+
 void KELUnicodeString::reset(Rep* fresh) {
   Rep* old = rep();
   _text = fresh->GetText();
@@ -239,23 +253,22 @@ int KELUnicodeString::BuildFromUTF8(const char* utf8, int len) {
     return E_INVALIDARG;
   }
   const size_t n = utf8 == nullptr ? 0 : len < 0 ? std::strlen(utf8) : static_cast<size_t>(len);
+  if (n == 0) return emptied(0);
   // A byte gives at most one unit, except that a four-byte lead cut off by
   // the end still decodes to a pair: n + 1 units always suffice.
-  if (n == 0 || n + 1 > static_cast<size_t>(kMaxUnits)) {
-    reset(emptyRep());
-    return 0;
-  }
+  if (n + 1 > static_cast<size_t>(kMaxUnits)) return emptied(kOutOfMemory);
   Rep* r = KELInterStringUCS::Allocate(static_cast<int>(n + 1));
-  if (r->IsEmptyString()) {
-    reset(r);
-    return 0;
-  }
+  if (r->IsEmptyString()) return emptied(kOutOfMemory);
   auto* out = static_cast<unsigned short*>(r->GetText());
   const size_t got = static_cast<size_t>(NUVSysUCAlgorithm::unchecked::utf8to16(utf8, utf8 + n, out) - out);
   // Text that shrank much (CJK: three bytes a unit) moves to a block of its
   // own size rather than keep the slack for its whole life.
   if (got + 16 < (n + 1) - (n + 1) / 4) {
     Rep* exact = makeUnits(reinterpret_cast<const char16_t*>(out), got);
+    if (exact->IsEmptyString()) {
+      reset(r->_SetLength(static_cast<int>(got)));  // keep the roomy block: the text is right
+      return 0;
+    }
     r->Release();
     reset(exact);
     return 0;
@@ -278,7 +291,7 @@ int KELUnicodeString::BuildFromUCChar(const unsigned short* text, int len) {
     }
   }
   assignUnits(reinterpret_cast<const char16_t*>(text), n);
-  return 0;
+  return n != 0 && IsNull() ? kOutOfMemory : 0;
 }
 
 int KELUnicodeString::BuildFromWChar(const wchar_t* text, int len) {
@@ -287,25 +300,32 @@ int KELUnicodeString::BuildFromWChar(const wchar_t* text, int len) {
     return E_INVALIDARG;
   }
   const size_t n = text == nullptr ? 0 : len < 0 ? std::wcslen(text) : static_cast<size_t>(len);
-  if (n == 0 || 2 * n > static_cast<size_t>(kMaxUnits)) {
-    reset(emptyRep());
-    return 0;
-  }
+  if (n == 0) return emptied(0);
+  if (n > static_cast<size_t>(kMaxUnits) / 2) return emptied(kOutOfMemory);
   Rep* r = KELInterStringUCS::Allocate(static_cast<int>(2 * n));
-  if (r->IsEmptyString()) {
-    reset(r);
-    return 0;
-  }
+  if (r->IsEmptyString()) return emptied(kOutOfMemory);
   uint16_t* const o0 = static_cast<uint16_t*>(r->GetText());
   uint16_t* o = o0;
-  for (size_t i = 0; i < n; ++i) o = appendUtf16(static_cast<uint32_t>(text[i]), o);
+  for (size_t i = 0; i < n; ++i) {
+    // wchar_t is signed: a negative value is as much out of range as one
+    // above U+10FFFF, and neither has a UTF-16 form.
+    const auto cp = static_cast<uint32_t>(text[i]);
+    if (cp > kMaxCodePoint) {
+      r->Release();
+      return emptied(E_INVALIDARG);
+    }
+    o = appendUtf16(cp, o);
+  }
   reset(r->_SetLength(static_cast<int>(o - o0)));
   return 0;
 }
 
 int KELUnicodeString::BuildFromCodePoint(unsigned codePoint, unsigned long count) {
-  reset(KELInterStringUCS::CreateString(codePoint, count));
-  return 0;
+  if (codePoint > kMaxCodePoint) return emptied(E_INVALIDARG);
+  Rep* r = KELInterStringUCS::CreateString(codePoint, count);
+  reset(r);
+  // Empty for count 0; otherwise too long for a string, or no memory.
+  return r->IsEmptyString() && count != 0 ? kOutOfMemory : 0;
 }
 
 namespace {
@@ -399,7 +419,7 @@ std::string KELUnicodeString::ConvertToUTF8() const {
   const auto* b = reinterpret_cast<const unsigned short*>(s.data());
   const size_t room = 3 * s.size() + 1;
   char stack[3072];
-  char* out = room <= sizeof stack ? stack : static_cast<char*>(std::malloc(room));
+  char* out = room <= sizeof stack ? stack : static_cast<char*>(g_sys.malloc(room));
   if (out == nullptr) return std::string();
   const char* end = NUVSysUCAlgorithm::unchecked::utf16to8(b, b + s.size(), out);
   std::string result(out, static_cast<size_t>(end - out));
@@ -681,27 +701,31 @@ KELUnicodeString& KELUnicodeString::Remove(int start, int len) {
   return *this;
 }
 
-KELUnicodeString& KELUnicodeString::Resize(int n, char16_t fill) {
+int KELUnicodeString::Resize(int n, char16_t fill) {
   Rep* r = rep();
-  if (r == nullptr) return *this;
+  if (r == nullptr) return 0;
   const size_t size = static_cast<size_t>(r->GetLengthInChar());
   const size_t want = n < 0 ? 0 : static_cast<size_t>(n);
-  if (want < size) {
-    replaceRange(want, size - want, nullptr, 0, nullptr);
-  } else if (want > size) {
-    if (want > static_cast<size_t>(kMaxUnits)) {
-      reset(emptyRep());
-      return *this;
-    }
-    Units pad;
+  if (want == size) return 0;
+  if (want > static_cast<size_t>(kMaxUnits)) return kOutOfMemory;
+  Units pad;
+  if (want > size) {
     pad.fill(want - size, fill);
-    if (pad.view().size() != want - size) {
-      reset(emptyRep());
-      return *this;
-    }
-    replaceRange(size, 0, pad.view().data(), want - size, nullptr);
+    if (pad.view().size() != want - size) return kOutOfMemory;
   }
-  return *this;
+  // The old text is held until the new one exists, so that a copy that
+  // cannot be allocated leaves the string as it was.
+  r->AddRef();
+  if (want < size)
+    replaceRange(want, size - want, nullptr, 0, nullptr);
+  else
+    replaceRange(size, 0, pad.view().data(), want - size, nullptr);
+  if (static_cast<size_t>(GetLengthInChar()) != want) {
+    reset(r);
+    return kOutOfMemory;
+  }
+  r->Release();
+  return 0;
 }
 
 KELUnicodeString& KELUnicodeString::Strip(StripMode mode) {

@@ -16,6 +16,9 @@
 #include "KELResourceLock.h"
 #include "NUVSysNLSEnv.h"
 #include "NLSCore.h"
+#include "SysCalls.h"
+
+using systemts::detail::g_sys;
 
 namespace {
 
@@ -27,7 +30,7 @@ std::once_flag g_captureOnce;
 // The pending capture: runs once, on the first call that needs it.
 void capture() {
   std::call_once(g_captureOnce, [] {
-    if (const char* name = setlocale(LC_ALL, nullptr)) std::snprintf(g_capture, sizeof g_capture, "%s", name);
+    if (const char* name = g_sys.setLocale(LC_ALL, nullptr)) std::snprintf(g_capture, sizeof g_capture, "%s", name);
   });
 }
 
@@ -125,7 +128,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
     return;
   }
   int err = 0;
-  const locale_t current = uselocale(kNoLocale);
+  const locale_t current = g_sys.useLocale(kNoLocale);
   if (current == kNoLocale) {
     err = errno;
     LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale((locale_t)0) returned %s\n", errorName(err));
@@ -151,7 +154,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
       }
     }
     if (fresh != kNoLocale) {
-      const locale_t before = uselocale(fresh);
+      const locale_t before = g_sys.useLocale(fresh);
       if (before == current) {
         _previous = current;
         _category = category;
@@ -161,7 +164,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
       }
       err = errno;
       LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale(newLoc) returned %s\n", errorName(err));
-      if (before != kNoLocale) uselocale(current);
+      if (before != kNoLocale) g_sys.useLocale(current);
       systemts::detail::FreeLocale(fresh);
     }
   }
@@ -173,20 +176,28 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
              errorName(err), reason);
   globalLock().WriteLock();
   _flags |= kLockHeld;
-  const char* now = setlocale(category, nullptr);
+  const char* now = g_sys.setLocale(category, nullptr);
   if (now == nullptr) {
     rc = E_FAIL;
   } else if (std::strcmp(now, localeName) == 0) {
     rc = 1;
     _flags |= kToRestore;
   } else {
-    _savedName = strdup(now);
+    // Without a copy of the current name the switch could not be undone:
+    // then nothing is switched.
+    const size_t bytes = std::strlen(now) + 1;
+    _savedName = static_cast<char*>(g_sys.malloc(bytes));
     _category = category;
-    if (setlocale(category, localeName) != nullptr) {
-      rc = 0;
-      _flags |= kToRestore;
+    if (_savedName == nullptr) {
+      rc = E_FAIL;
     } else {
-      rc = E_INVALIDARG;
+      std::memcpy(_savedName, now, bytes);
+      if (g_sys.setLocale(category, localeName) != nullptr) {
+        rc = 0;
+        _flags |= kToRestore;
+      } else {
+        rc = E_INVALIDARG;
+      }
     }
   }
   if (rc < 0) {
@@ -203,10 +214,10 @@ NUVSysCLocale::ThreadLC::~ThreadLC() { Reset(); }
 void NUVSysCLocale::ThreadLC::Reset() {
   if ((_flags & kToRestore) == 0) return;
   if ((_flags & kInstalled) != 0) {
-    const locale_t replaced = uselocale(static_cast<locale_t>(_previous));
+    const locale_t replaced = g_sys.useLocale(static_cast<locale_t>(_previous));
     if (replaced != kNoLocale && replaced != LC_GLOBAL_LOCALE) systemts::detail::FreeLocale(replaced);
   } else {
-    if (_savedName != nullptr) setlocale(_category, _savedName);
+    if (_savedName != nullptr) g_sys.setLocale(_category, _savedName);
     if ((_flags & kLockHeld) != 0) globalLock().WriteUnlock();
   }
   std::free(_savedName);
@@ -217,7 +228,7 @@ void NUVSysCLocale::ThreadLC::Reset() {
 // ---- process-wide functions ----
 
 bool NUVSysCLocaleIsPerThread() {
-  const locale_t l = uselocale(kNoLocale);
+  const locale_t l = g_sys.useLocale(kNoLocale);
   return l != kNoLocale && l != LC_GLOBAL_LOCALE;
 }
 
@@ -226,7 +237,7 @@ int NUVSysCLocaleSetPerThread(bool wanted) { return NUVSysCLocaleIsPerThread() =
 const char* NUVSysCLocale::SetLocale(int category, const char* name) {
   if (NUVSysCLocaleIsPerThread()) return nullptr;
   capture();
-  return setlocale(category, name);
+  return g_sys.setLocale(category, name);
 }
 
 const char* NUVSysCLocale::GetLocaleBeforeLoad() {
@@ -236,13 +247,13 @@ const char* NUVSysCLocale::GetLocaleBeforeLoad() {
 
 void NUVSysCLocale::InitLocaleFromEnvironment() {
   capture();
-  setlocale(LC_ALL, "");
+  g_sys.setLocale(LC_ALL, "");
 }
 
 int NUVSysCLocale::GetLCConv(LConv& lc) {
   capture();
   lc.Clear();
-  const locale_t current = uselocale(kNoLocale);
+  const locale_t current = g_sys.useLocale(kNoLocale);
   if (current != kNoLocale && current != LC_GLOBAL_LOCALE) {
     fillRecord(lc._raw, lc._rawText, sizeof lc._rawText, [current](nl_item item) { return nl_langinfo_l(item, current); });
     lc._record = &lc._raw;

@@ -19,6 +19,7 @@
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "SingleByteTables.h"
+#include "SysCalls.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -30,7 +31,7 @@ constexpr size_t kLocaleBuffer = 85;
 
 char* copyName(const char* s) {
   const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(std::malloc(n));
+  char* c = static_cast<char*>(g_sys.malloc(n));
   if (c != nullptr) std::memcpy(c, s, n);
   return c;
 }
@@ -64,11 +65,14 @@ void NUVSysCodePage::setIdentity() {
   if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
   _toUTF16 = &NUVSysCodePage::_CPtoUC2ByIdentity;
   _fromUTF16 = &NUVSysCodePage::_UC2toCPByIdentity;
-  char* name = copyName("Identity");
-  if (name != nullptr) {
-    std::free(_codePage);
-    _codePage = name;
-  }
+  setName("Identity");
+}
+
+void NUVSysCodePage::setName(const char* name) {
+  // A name that cannot be copied leaves none rather than the previous one,
+  // which would no longer say what the converter does.
+  std::free(_codePage);
+  _codePage = copyName(name);
 }
 
 void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
@@ -99,10 +103,7 @@ void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry
       std::strcpy(_cLocale, "C");
     }
   }
-  if (char* name = copyName(codePage)) {
-    std::free(_codePage);
-    _codePage = name;
-  }
+  setName(codePage);
 }
 
 int NUVSysCodePage::_InitConvDesc(const char* codePage) {
@@ -219,9 +220,9 @@ size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t m
   if (localeName == nullptr) return 1;
   size_t n;
   if (const locale_t l = ctypeLocale(localeName); l != static_cast<locale_t>(nullptr)) {
-    const locale_t previous = uselocale(l);
+    const locale_t previous = g_sys.useLocale(l);
     n = std::mbrlen(s, max, state);
-    uselocale(previous);
+    g_sys.useLocale(previous);
   } else {
     // Not a name newlocale takes: the per-thread switch and its fallback.
     int rc = 0;
@@ -251,7 +252,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
       if (end == RunEnd::Input) break;
       e = end == RunEnd::Refused ? EILSEQ : E2BIG;
     } else {
-      if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
+      if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
       e = errno;
     }
     if (e == E2BIG) {
@@ -291,7 +292,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
   src = in;
   srcLen = static_cast<int>(inLeft);
   dstCap = units;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   return units;
 }
 
@@ -310,7 +311,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
     const int bytes = static_cast<int>(encodeUnits(*table, cd, src, static_cast<size_t>(n), dst));
     dst[bytes] = '\0';
     if (dstLen != nullptr) *dstLen = bytes;
-    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
     return bytes;
   }
   char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
@@ -318,7 +319,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
   char* out = dst;
   size_t outLeft = 4 * static_cast<size_t>(n);
   while (inLeft > 0) {
-    if (iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
+    if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
     if (inLeft == 0 || outLeft == 0) break;
     *out++ = '?';
     --outLeft;
@@ -328,7 +329,7 @@ int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* d
   const int bytes = static_cast<int>(out - dst);
   dst[bytes] = '\0';
   if (dstLen != nullptr) *dstLen = bytes;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   return bytes;
 }
 
@@ -384,16 +385,6 @@ int NUVSysCodePage::_UC2toCPByIdentity(const unsigned short* src, int n, char* d
 
 int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
   if (text == nullptr) return 0;
-  // One unit is asked for at a time, but the UTF-8 method converts the whole
-  // rest at a capacity of 1: room for that keeps every write in bounds.
-  unsigned short small[64];
-  std::unique_ptr<unsigned short[]> big;
-  unsigned short* units = small;
-  if (len + 2 > 64) {
-    big.reset(new (std::nothrow) unsigned short[len + 2]);
-    if (!big) return -1;
-    units = big.get();
-  }
   const char* p = text;
   size_t left = len;
   while (left > 0) {
@@ -401,23 +392,31 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     // keeps the loop a defined, observable wait rather than one the compiler
     // may assume to end.
     if (*static_cast<const volatile char*>(p) == '?') continue;
+    unsigned short unit[2];  // one unit and the terminating 0 some methods add
     const char* q = p;
     size_t l = left;
-    const size_t got = ConvertMBCSToUTF16(q, l, units, 1);
+    size_t got = ConvertMBCSToUTF16(q, l, unit, 1);
+    const size_t consumed = left - l;
+    if (got == 0 && consumed == 0 && _isUTF8 != 0) {
+      // The UTF-8 method converts the rest in one go at a capacity of 1 and
+      // refuses when it is more than one unit: the overflow it always was.
+      got = 2;
+    }
     if (got == 0) return -1;
     if (got != 1) {
       std::fprintf(stderr, "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
       std::fflush(stderr);
       return -1;
     }
+    // The unit must give back exactly the bytes it came from. A bounded call
+    // whose one unit is used up skips a refused character after it without a
+    // replacement: those bytes are consumed but come back from nothing.
     char back[5] = {};
     int produced = 0;
-    ConvertUTF16ToMBCS(units, 1, back, &produced);
-    if (produced < 0 || static_cast<size_t>(produced) > left || std::memcmp(back, p, static_cast<size_t>(produced)) != 0) {
+    ConvertUTF16ToMBCS(unit, 1, back, &produced);
+    if (produced < 1 || static_cast<size_t>(produced) != consumed || std::memcmp(back, p, consumed) != 0) {
       return -1;
     }
-    const size_t consumed = left - l;
-    if (consumed == 0) return -1;  // nothing moved: the character cannot convert
     p += consumed;
     left = l;
   }

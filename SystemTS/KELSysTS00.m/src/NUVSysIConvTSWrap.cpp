@@ -3,6 +3,7 @@
 #include "NUVSysIConvTSWrap.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
 #include "NLSCore.h"
+#include "SysCalls.h"
 
 namespace {
 
@@ -28,11 +30,12 @@ struct Pair {
 // One thread's descriptors for one pair.
 struct Node {
   IConvDesc_t pairId;
-  bool invalid;
+  bool invalid;     // no descriptors: the pair cannot be converted
   iconv_t forward;  // from -> to
   iconv_t reverse;  // to -> from
   Node* next;
   bool closed = false;  // descriptors closed; under g_closeMutex
+  bool retry = false;   // invalid for a passing reason: open again on next use
 };
 
 KELMutex* g_mutex;                 // guards the registry; made once
@@ -77,9 +80,65 @@ bool verbose() {
 
 char* copyName(const char* s) {
   const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(std::malloc(n));
+  char* c = static_cast<char*>(systemts::detail::g_sys.malloc(n));
   if (c != nullptr) std::memcpy(c, s, n);
   return c;
+}
+
+bool knownPair(IConvDesc_t pairId) {
+  if (g_mutex == nullptr) return false;
+  KELMutexGuard guard(*g_mutex);
+  for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
+    if (p->id == pairId) return true;
+  }
+  return false;
+}
+
+// Opens both descriptors of a node that has none. A pair iconv does not
+// know (EINVAL) stays invalid for good; any other failure (out of
+// descriptors or memory, or the names could not be copied) leaves the node
+// to be opened again on its next use, so conversions come back once the
+// process has room again. True when the node is open.
+bool openNode(Node& node) {
+  char* from = nullptr;
+  char* to = nullptr;
+  {
+    KELMutexGuard guard(*g_mutex);
+    for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
+      if (p->id == node.pairId) {
+        from = copyName(p->from);
+        to = copyName(p->to);
+        break;
+      }
+    }
+  }
+  if (from == nullptr || to == nullptr) {
+    std::free(from);
+    std::free(to);
+    return false;
+  }
+  int err = 0;
+  node.forward = systemts::detail::IconvOpen(to, from);
+  if (node.forward == kNoDescriptor) err = errno;
+  node.reverse = systemts::detail::IconvOpen(from, to);
+  if (node.reverse == kNoDescriptor && err == 0) err = errno;
+  if (err != 0 || node.forward == kNoDescriptor || node.reverse == kNoDescriptor) {
+    // A half-opened pair is closed at once.
+    if (node.forward != kNoDescriptor) systemts::detail::IconvClose(node.forward);
+    if (node.reverse != kNoDescriptor) systemts::detail::IconvClose(node.reverse);
+    node.forward = node.reverse = kNoDescriptor;
+    node.retry = err != EINVAL;
+    if (verbose()) {
+      std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
+      std::fflush(stderr);
+    }
+  } else {
+    node.invalid = false;
+    node.retry = false;
+  }
+  std::free(from);
+  std::free(to);
+  return !node.invalid;
 }
 
 }  // namespace
@@ -104,7 +163,7 @@ int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_
       return S_OK;
     }
   }
-  auto* p = static_cast<Pair*>(std::malloc(sizeof(Pair)));
+  auto* p = static_cast<Pair*>(systemts::detail::g_sys.malloc(sizeof(Pair)));
   char* from = copyName(fromCode);
   char* to = copyName(toCode);
   if (p == nullptr || from == nullptr || to == nullptr) {
@@ -141,60 +200,29 @@ iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
       n->next = t_nodes;
       t_nodes = n;
     }
-    if (n->invalid) return kNoDescriptor;
+    if (n->invalid && (!n->retry || !openNode(*n))) return kNoDescriptor;
     return reverse ? n->reverse : n->forward;
   }
 
   // First use of this pair on this thread.
-  char* from = nullptr;
-  char* to = nullptr;
-  if (g_mutex != nullptr) {
-    KELMutexGuard guard(*g_mutex);
-    for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
-      if (p->id == pairId) {
-        from = copyName(p->from);
-        to = copyName(p->to);
-        break;
-      }
-    }
-  }
-  if (from == nullptr || to == nullptr) {
-    std::free(from);
-    std::free(to);
+  if (!knownPair(pairId)) {
     if (verbose()) {
       std::fprintf(stderr, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
       std::fflush(stderr);
     }
     return kNoDescriptor;
   }
-  auto* node = new (std::nothrow) Node{pairId, true, kNoDescriptor, kNoDescriptor, t_nodes};
+  void* memory = systemts::detail::g_sys.malloc(sizeof(Node));
+  auto* node = memory != nullptr ? new (memory) Node{pairId, true, kNoDescriptor, kNoDescriptor, t_nodes} : nullptr;
   if (node == nullptr || g_nodes == nullptr || g_nodes->PushFirst(node, 0) != 1) {
-    delete node;
-    std::free(from);
-    std::free(to);
+    std::free(node);
     return kNoDescriptor;
   }
   t_nodes = node;
   (void)&t_descriptors;  // its destructor closes this thread's descriptors at exit
-  node->forward = systemts::detail::IconvOpen(to, from);
-  node->reverse = systemts::detail::IconvOpen(from, to);
-  iconv_t result = kNoDescriptor;
-  if (node->forward == kNoDescriptor || node->reverse == kNoDescriptor) {
-    // Remembered as invalid; a half-opened pair is closed at once.
-    if (node->forward != kNoDescriptor) systemts::detail::IconvClose(node->forward);
-    if (node->reverse != kNoDescriptor) systemts::detail::IconvClose(node->reverse);
-    node->forward = node->reverse = kNoDescriptor;
-    if (verbose()) {
-      std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
-      std::fflush(stderr);
-    }
-  } else {
-    node->invalid = false;
-    result = reverse ? node->reverse : node->forward;
-  }
-  std::free(from);
-  std::free(to);
-  return result;
+  node->retry = true;
+  if (!openNode(*node)) return kNoDescriptor;
+  return reverse ? node->reverse : node->forward;
 }
 
 void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
@@ -209,7 +237,7 @@ void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
     while (g_nodes->PopLast(&value, 0) == 1) {
       auto* node = static_cast<Node*>(value);
       closeNode(node);
-      delete node;
+      std::free(node);
     }
     g_nodes->Release();
     g_nodes = nullptr;

@@ -21,6 +21,24 @@ uint16_t* units(unsigned short* p) { return reinterpret_cast<uint16_t*>(p); }
 
 constexpr unsigned kBadArguments = 0xFFFFFFFFu;
 
+// Whether converting all of [s, e) takes at most `capacity` units (UTF-16
+// output) or bytes (UTF-8 output). Used only for capacities below one
+// character's worst case, so it looks at no more than four characters.
+bool wholeInputFits(const uint8_t* s, const uint8_t* e, unsigned capacity) {
+  unsigned need = 0;
+  while (s < e && need <= capacity) need += utf16Length(decodeUtf8(s, e));
+  return need <= capacity;
+}
+
+bool wholeInputFits(const uint16_t* s, const uint16_t* e, unsigned capacity) {
+  unsigned need = 0;
+  while (s < e && need <= capacity) {
+    const uint32_t cp = decodeUtf16(s, e);
+    need += cp < 0x80u ? 1 : cp < 0x800u ? 2 : cp < 0x10000u ? 3 : 4;
+  }
+  return need <= capacity;
+}
+
 }  // namespace
 
 // ------------------------------------------------------------- unchecked --
@@ -92,10 +110,16 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF8ToUTF16(const char*& src, int& srcLen
       s += ascii;
       if (s < e) written += utf16Length(decodeUtf8(s, e));
     }
+  } else if (s < e && capacity < 2 && !wholeInputFits(s, e, capacity)) {
+    // Below 2 units the classic algorithm writes the first character without
+    // a room test and the rest without a limit: a call whose whole output
+    // fits keeps that result; any other writes nothing and consumes nothing
+    // (the "call again with more room" result).
   } else if (s < e) {
     // The first character is written without a room test; then characters go
     // straight to the output while at most capacity - 2 units are written, so
-    // that a surrogate pair always fits. The limit wraps for a capacity below 2.
+    // that a surrogate pair always fits. The limit wraps for a capacity below 2
+    // (only reached when all of the output fits, see above).
     uint16_t* const o0 = units(out);
     uint16_t* o = appendUtf16(decodeUtf8(s, e), o0);
     const unsigned limit = capacity - 2u;
@@ -135,7 +159,7 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF16ToUTF8(const unsigned short*& src, i
                                                    char* out, unsigned int capacity) {
   if (!src || srcLen < 0) return kBadArguments;
   const uint16_t* s = units(src);
-  const uint16_t* const e = s + srcLen;
+  const uint16_t* e = s + srcLen;
   unsigned written = 0;
 
   if (!out) {
@@ -149,6 +173,10 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF16ToUTF8(const unsigned short*& src, i
     uint8_t* const o0 = reinterpret_cast<uint8_t*>(out);
     uint8_t* o = o0;
     const unsigned limit = capacity - 4u;
+    // Below 4 bytes the limit wraps and the output is written without bound:
+    // a call whose whole output fits keeps that result; any other writes
+    // nothing and consumes nothing.
+    if (capacity < 4 && !wholeInputFits(s, e, capacity)) e = s;
     if (s < e) {
       const size_t room = capacity >= 4 ? capacity - 3u : SIZE_MAX;
       const auto fast = utfKernels().utf16To8(s, e, o, room);
@@ -169,7 +197,7 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF16ToUTF8(const unsigned short*& src, i
     }
     written = static_cast<unsigned>(o - o0);
   }
-  srcLen = static_cast<int>(e - s);
+  srcLen -= static_cast<int>(s - units(src));
   src = srcLen == 0 ? nullptr : reinterpret_cast<const unsigned short*>(s);
   return written;
 }

@@ -11,6 +11,8 @@
 #define SYSTEMTS_X86 1
 #endif
 
+#include "SysCalls.h"
+
 namespace systemts::detail {
 namespace {
 
@@ -31,10 +33,10 @@ size_t convertOnce(iconv_t cd, const void* src, size_t srcBytes, void* dst, size
   char* in = static_cast<char*>(const_cast<void*>(src));
   char* out = static_cast<char*>(dst);
   size_t room = dstBytes;
-  const size_t rc = iconv(cd, &in, &srcBytes, &out, &room);
+  const size_t rc = g_sys.iconv(cd, &in, &srcBytes, &out, &room);
   const int e = errno;
   dstBytes -= room;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   errno = e;
   return srcBytes == 0 ? rc : kFailed;
 }
@@ -46,10 +48,10 @@ bool convertsStatelessly(iconv_t cd, const void* src, size_t srcBytes, char* out
   char* in = static_cast<char*>(const_cast<void*>(src));
   char* o = out;
   size_t room = outLen;
-  if (iconv(cd, &in, &srcBytes, &o, &room) == kFailed || srcBytes != 0) return false;
+  if (g_sys.iconv(cd, &in, &srcBytes, &o, &room) == kFailed || srcBytes != 0) return false;
   const size_t before = room;
-  const bool flushedNothing = iconv(cd, nullptr, nullptr, &o, &room) != kFailed && room == before;
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  const bool flushedNothing = g_sys.iconv(cd, nullptr, nullptr, &o, &room) != kFailed && room == before;
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   outLen = static_cast<size_t>(o - out);
   return flushedNothing;
 }
@@ -270,14 +272,14 @@ char* iconvUnits(iconv_t cd, const uint16_t* src, size_t n, char* out, size_t& o
   char* in = reinterpret_cast<char*>(const_cast<uint16_t*>(src));
   size_t inLeft = 2 * n;
   while (inLeft > 0) {
-    if (iconv(cd, &in, &inLeft, &out, &outLeft) != kFailed) break;
+    if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != kFailed) break;
     if (inLeft == 0 || outLeft == 0) break;
     *out++ = '?';
     --outLeft;
     in += 2;
     inLeft = inLeft >= 2 ? inLeft - 2 : 0;
   }
-  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
   return out;
 }
 
