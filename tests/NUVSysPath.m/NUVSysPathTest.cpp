@@ -1,10 +1,12 @@
 #include "NUVSysPath.h"
 
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -125,6 +127,7 @@ TEST(NUVSysPath, Joining) {
       {"http://h", "x", 0, "http://h/x"},                       {"http://h/a", "../../b", 0, "http://h/b"},
       {"https://h//a", "./b", 0, "https://h/a/b"},              {"a", "~", 0, "a/~"},
       {"http://h", "~", E_FAIL, "http://h"},                    {"a", "b/../c//d", 0, "a/c/d"},
+      {"http://h//a", "~", E_FAIL, "http://h//a"},  // refused: the uncleaned text is kept whole
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(std::string(c.base) + " + " + c.component);
@@ -138,6 +141,9 @@ TEST(NUVSysPath, Joining) {
   EXPECT_EQ(E_FAIL, p.Append("y"));                                // 1026: refused, unchanged
   EXPECT_EQ(1024u, std::string(p.GetUTF8()).size());
   EXPECT_EQ(E_FAIL, NUVSysPath().Append("x"));
+  NUVSysPath self(("d" + std::string(80, 'x')).c_str());  // joined to itself, past the buffer's first size
+  EXPECT_EQ(0, self.Append(self));
+  EXPECT_EQ("d" + std::string(80, 'x') + "/d" + std::string(80, 'x'), std::string(self.GetUTF8()));
   int rc = -1;
   EXPECT_TRUE(NUVSysPath("/a").Add(KELUnicodeString::FromUTF8("b"), &rc) == "/a/b");
   EXPECT_EQ(0, rc);
@@ -349,4 +355,108 @@ TEST(NUVSysPath, DirectoryCachesAndUtilities) {
   EXPECT_EQ(std::u16string(u"a\\b\\"), std::u16string(reinterpret_cast<char16_t*>(out)));
   for (int e : {0, 1, 2, 13, 0xFFFF}) EXPECT_EQ(SystemTSResultFromErrno(e), NUVConvertError(e, 7));
   EXPECT_EQ(static_cast<int>(0x80040002u), NUVConvertError(2, 4));
+}
+
+namespace {
+// readdir that hides each entry's type, as some file systems do, so that the
+// callers have to lstat the entry themselves.
+struct dirent* (*g_plainReaddir)(DIR*) = nullptr;
+struct dirent* readdirWithoutType(DIR* d) {
+  struct dirent* e = g_plainReaddir(d);
+  if (e != nullptr) e->d_type = DT_UNKNOWN;
+  return e;
+}
+}  // namespace
+
+TEST(NUVSysPathFaults, FileSystemCallFailuresAreConverted) {
+  constexpr int kEIO = static_cast<int>(0x80070005u), kEACCES = static_cast<int>(0x8007000Du),
+                kEBUSY = static_cast<int>(0x80070010u), kEEXIST = static_cast<int>(0x80070011u);
+  TempDir dir;
+  const std::string root = dir.path;
+  auto makeFile = [](const std::string& p) {
+    FILE* f = std::fopen(p.c_str(), "w");
+    if (f) std::fclose(f);
+  };
+  // A small tree under root/t for each case: t/f, t/s/g.
+  auto makeTree = [&] {
+    ::mkdir((root + "/t").c_str(), 0755);
+    ::mkdir((root + "/t/s").c_str(), 0755);
+    makeFile(root + "/t/f");
+    makeFile(root + "/t/s/g");
+  };
+  auto removeT = [&](int recursive) { return NUVSysPath((root + "/t").c_str()).Remove(recursive); };
+  auto file = [&] { return NUVSysPath((root + "/t/f").c_str()); };
+  struct stat64 st;
+  struct Case { const char* label; std::function<int()> run; int expected; };
+  const Case kCases[] = {
+      {"stat64", [&] { Fault<&SysCalls::stat64> f(EIO, -1); return file().Stat(st, 1); }, kEIO},
+      {"access read", [&] { Fault<&SysCalls::access> f(EACCES, -1); return int(file().CanRead()); }, 0},
+      {"access write", [&] { Fault<&SysCalls::access> f(EACCES, -1); return int(file().CanWrite()); }, 0},
+      {"utime", [&] { Fault<&SysCalls::utime> f(EACCES, -1); return file().SetTimes(1, 2); }, kEACCES},
+      {"chmod", [&] { Fault<&SysCalls::chmod> f(EACCES, -1); return file().Chmod(0600); }, kEACCES},
+      {"rename", [&] { Fault<&SysCalls::rename> f(EACCES, -1); return file().Move(NUVSysPath("/tmp/x")); },
+       kEACCES},
+      {"lstat64 of the removed path", [&] { Fault<&SysCalls::lstat64> f(EIO, -1); return removeT(1); }, kEIO},
+      {"unlink of a file",
+       [&] { Fault<&SysCalls::unlink> f(EBUSY, -1); return file().Remove(); }, kEBUSY},
+      {"stat64 before unlink",  // a file that cannot be looked at is not removed as one
+       [&] { Fault<&SysCalls::stat64> f(EIO, -1); return file().Remove(); }, E_FAIL},
+      {"rmdir", [&] { Fault<&SysCalls::rmdir> f(EBUSY, -1); return NUVSysPath((root + "/t/s").c_str()).Remove(1); },
+       kEBUSY},
+      {"rmdir, not recursive", [&] {
+         ::unlink((root + "/t/s/g").c_str());
+         Fault<&SysCalls::rmdir> f(EBUSY, -1);
+         return NUVSysPath((root + "/t/s").c_str()).Remove(0);
+       }, kEBUSY},
+      {"opendir in the tree", [&] { Fault<&SysCalls::opendir> f(EACCES, nullptr, /*nth=*/2); return removeT(1); },
+       kEACCES},
+      {"readdir in the tree", [&] { Fault<&SysCalls::readdir> f(EIO, nullptr); return removeT(1); }, kEIO},
+      {"unlink in the tree", [&] { Fault<&SysCalls::unlink> f(EBUSY, -1); return removeT(1); }, kEBUSY},
+      {"lstat64 of an entry of unknown type", [&] {
+         g_plainReaddir = systemts::detail::g_sys.readdir;
+         systemts::detail::g_sys.readdir = readdirWithoutType;
+         int rc;
+         {
+           Fault<&SysCalls::lstat64> f(EIO, -1, /*nth=*/2);
+           rc = removeT(1);
+         }
+         systemts::detail::g_sys.readdir = g_plainReaddir;
+         return rc;
+       }, kEIO},
+      {"mkdir", [&] { Fault<&SysCalls::mkdir> f(EACCES, -1); return NUVSysPath((root + "/n").c_str()).MakeDir(); },
+       kEACCES},
+      {"mkdir of a parent", [&] {
+         Fault<&SysCalls::mkdir> f(EACCES, -1, /*nth=*/2, Fault<&SysCalls::mkdir>::kAlways);
+         return NUVSysPath((root + "/n/m").c_str()).MakeDir();
+       }, kEACCES},
+      {"exists, but not as a directory", [&] {
+         Fault<&SysCalls::mkdir> f(EEXIST, -1, 1, Fault<&SysCalls::mkdir>::kAlways);
+         return NUVSysPath((root + "/n").c_str()).MakeDir();
+       }, kEEXIST},
+      {"mkdir after its parents", [&] {
+         long calls;
+         {
+           Fault<&SysCalls::mkdir> count;
+           NUVSysPath((root + "/p/q").c_str()).MakeDir();
+           calls = count.calls();
+         }
+         NUVSysPath((root + "/p").c_str()).Remove(1);
+         Fault<&SysCalls::mkdir> f(EACCES, -1, /*nth=*/calls);
+         return NUVSysPath((root + "/p/q").c_str()).MakeDir();
+       }, kEACCES},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.label);
+    makeTree();
+    EXPECT_EQ(c.expected, c.run());
+    NUVSysPath((root + "/t").c_str()).Remove(1);
+  }
+  // With the readdir above and no failure, the tree still goes: entries of
+  // unknown type are looked at with lstat, and directories among them entered.
+  makeTree();
+  g_plainReaddir = systemts::detail::g_sys.readdir;
+  systemts::detail::g_sys.readdir = readdirWithoutType;
+  EXPECT_EQ(0, removeT(1));
+  systemts::detail::g_sys.readdir = g_plainReaddir;
+  EXPECT_FALSE(NUVSysPath((root + "/t").c_str()).Exists(1));
 }

@@ -216,6 +216,11 @@ int NUVSysPathImpl::_CheckPath() {
 int NUVSysPathImpl::append(const char* component, long n) {
   if (_data.path == nullptr || (_data.flags & kInvalid) || _data.length == 0) return E_FAIL;
   if (component == nullptr) return E_FAIL;
+  if (component >= _data.path && component < _data.path + _data.capacity) {
+    // A piece of this very path (p.Append(p)): the buffer may move below.
+    const std::string own(component, n < 0 ? std::strlen(component) : ::strnlen(component, static_cast<size_t>(n)));
+    return append(own.c_str(), static_cast<long>(own.size()));
+  }
   size_t len = n < 0 ? std::strlen(component) : ::strnlen(component, static_cast<size_t>(n));
   if (len >= kMaxPath) return E_FAIL;
   if (len == 1 && component[0] == '.') return 0;
@@ -227,14 +232,19 @@ int NUVSysPathImpl::append(const char* component, long n) {
   const size_t old = _data.length;
   const bool endsWithSlash = _data.path[old - 1] == '/';
   const size_t total = old + (endsWithSlash ? 0 : 1) + len;
-  if (total > 0xFFFF || !reserve(total + 1)) return E_FAIL;
+  // Cleaning rewrites the old text too ("a//b" becomes "a/b"), so a copy of
+  // it waits past the joined text until the result has passed the checks.
+  if (total > 0xFFFF || !reserve(total + 1 + old)) return E_FAIL;
+  char* saved = _data.path + total + 1;
+  std::memcpy(saved, _data.path, old);
   size_t at = old;
   if (!endsWithSlash) _data.path[at++] = '/';
-  std::memcpy(_data.path + at, component, len);
+  if (len > 0) std::memcpy(_data.path + at, component, len);
   at += len;
   size_t cleaned = canonicalize(_data.path, at, _data.flags, _data.prefixLength);
   if (checkPath(_data.path, cleaned, PathType{_data.flags, _data.prefixLength}) != 0) {
-    _data.path[old] = '\0';  // refused: the path stays as it was
+    std::memcpy(_data.path, saved, old);  // refused: the path stays as it was
+    _data.path[old] = '\0';
     return E_FAIL;
   }
   _data.path[cleaned] = '\0';
