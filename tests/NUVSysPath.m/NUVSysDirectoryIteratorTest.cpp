@@ -1,6 +1,7 @@
 #include "NUVSysDirectoryIterator.h"
 
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -214,4 +215,60 @@ TEST(NUVSysDirectoryWalkerFaults, VanishedDirectoryIsSkippedNotFatal) {
   EXPECT_EQ(2, files);
   EXPECT_EQ(1, w.GetSkippedCount());
   EXPECT_EQ(static_cast<int>(0x80070002u), w.GetLastSkippedError());
+}
+
+TEST(NUVSysDirectoryIteratorFaults, CopyThatCannotReopenIsFailed) {
+  Tree t;
+  for (const char* f : {"a", "b"}) t.file(f);
+  NUVSysPath dir(t.root.c_str());
+  NUVSysDirectoryIterator it = dir.Begin();
+  ASSERT_TRUE(it != dir.End());
+  Fault<&SysCalls::opendir> f(EMFILE, nullptr);
+  NUVSysDirectoryIterator copy(it);
+  EXPECT_TRUE(copy == dir.End());
+  EXPECT_EQ(E_FAIL, copy.next());
+  EXPECT_EQ(nullptr, copy.GetCurrentNameUTF8());
+  EXPECT_NE(nullptr, it.GetCurrentNameUTF8());  // the original walks on
+}
+
+namespace {
+struct dirent* (*g_plainReaddir)(DIR*) = nullptr;
+struct dirent* readdirWithoutType(DIR* d) {
+  struct dirent* e = g_plainReaddir(d);
+  if (e != nullptr) e->d_type = DT_UNKNOWN;
+  return e;
+}
+}  // namespace
+
+TEST(NUVSysDirectoryWalkerFaults, ReaddirAndLstatFailures) {
+  Tree t;
+  t.dir("a");
+  t.file("a/f");
+  t.file("g");
+  {
+    // The root's listing fails at once: nothing reported, counted as skipped.
+    NUVSysDirectoryWalker w;
+    ASSERT_EQ(0, w.Open(NUVSysPath(t.root.c_str())));
+    Fault<&SysCalls::readdir> f(EIO, nullptr);
+    EXPECT_EQ(SYSTEMTS_E_NO_MORE_ENTRIES, w.Next());
+    EXPECT_EQ(1, w.GetSkippedCount());
+    EXPECT_EQ(static_cast<int>(0x80070005u), w.GetLastSkippedError());
+  }
+  // Entries of unknown type are looked at with lstat; when that fails the
+  // entry is still reported, as neither directory nor link, and not entered.
+  g_plainReaddir = systemts::detail::g_sys.readdir;
+  systemts::detail::g_sys.readdir = readdirWithoutType;
+  for (bool failing : {false, true}) {
+    SCOPED_TRACE(failing);
+    Fault<&SysCalls::lstat64> f(EIO, -1, 1, failing ? Fault<&SysCalls::lstat64>::kAlways : 0);
+    NUVSysDirectoryWalker w;
+    ASSERT_EQ(0, w.Open(NUVSysPath(t.root.c_str())));
+    std::map<std::string, bool> seen;  // name -> directory
+    while (w.Next() == 0) seen[w.GetCurrentName()] = w.IsDirectory();
+    const std::map<std::string, bool> expected =
+        failing ? std::map<std::string, bool>{{"a", false}, {"g", false}}
+                : std::map<std::string, bool>{{"a", true}, {"f", false}, {"g", false}};
+    EXPECT_EQ(expected, seen);
+  }
+  systemts::detail::g_sys.readdir = g_plainReaddir;
 }
