@@ -128,6 +128,8 @@ TEST(NUVSysPath, Joining) {
       {"https://h//a", "./b", 0, "https://h/a/b"},              {"a", "~", 0, "a/~"},
       {"http://h", "~", E_FAIL, "http://h"},                    {"a", "b/../c//d", 0, "a/c/d"},
       {"http://h//a", "~", E_FAIL, "http://h//a"},  // refused: the uncleaned text is kept whole
+      {"x", "../\x01\x02\\N", E_FAIL, "x"},      // would turn into a logical name
+      {"x", "../http://h", 0, "http:/h"},          // still relative text
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(std::string(c.base) + " + " + c.component);

@@ -93,7 +93,10 @@ class SYSTEMTS_API NUVSysPath {
   // component is 1025 bytes or more. "." changes nothing; one trailing "/"
   // of the component is dropped and a leading "/" skipped ("a" + "/b/" gives
   // "a/b"); a "/" goes between unless the path ends with one; then the result
-  // is cleaned (NUVSysPathImpl::CleanAndCanonicalize).
+  // is cleaned (NUVSysPathImpl::CleanAndCanonicalize). A join is refused
+  // (E_FAIL, path unchanged) when the cleaned result is too long or would
+  // read as another kind of path ("x" + "../http://h" stays relative text
+  // "http:/h", but "x" + "../\x01\x02\\N" would become a logical name).
   int Append(const NUVSysPath& component);
   int Append(const KELUnicodeString& component);
   int Append(const unsigned short* component);

@@ -242,7 +242,13 @@ int NUVSysPathImpl::append(const char* component, long n) {
   if (len > 0) std::memcpy(_data.path + at, component, len);
   at += len;
   size_t cleaned = canonicalize(_data.path, at, _data.flags, _data.prefixLength);
-  if (checkPath(_data.path, cleaned, PathType{_data.flags, _data.prefixLength}) != 0) {
+  // Folding ".." can bring another kind's prefix to the front of a relative
+  // path ("x/../\x01\x02\\N" would read as a logical name): such a join is
+  // refused rather than letting the path change its kind.
+  const PathType now = detectPathType(_data.path, cleaned);
+  const bool sameKind =
+      now.flags == (_data.flags & ~static_cast<uint32_t>(kAppended)) && now.prefix == _data.prefixLength;
+  if (!sameKind || checkPath(_data.path, cleaned, PathType{_data.flags, _data.prefixLength}) != 0) {
     std::memcpy(_data.path, saved, old);  // refused: the path stays as it was
     _data.path[old] = '\0';
     return E_FAIL;
