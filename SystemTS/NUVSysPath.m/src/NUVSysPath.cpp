@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "NUVSysEnvironmentManager.h"
 #include "NUVSysPathImpl.h"
@@ -165,7 +166,7 @@ int NUVSysPath::split(NUVSysPath& parent, KELUnicodeString& name) const {
   if (_impl == nullptr) return E_FAIL;
   NUVSysPathImpl fresh;
   const int rc = _impl->split(&fresh, &name);
-  if (rc == 0) *parent.ensure() = fresh;
+  if (rc == 0) std::swap(parent.ensure()->data(), fresh.data());  // fresh frees the old parent's text
   return rc;
 }
 int NUVSysPath::split(NUVSysPath& parent, KELSysTSUnicodeString& name) const {

@@ -56,6 +56,29 @@ size_t canonicalize(char* p, size_t n, uint32_t flags, uint16_t prefix) {
     if (keep == n) return n;
     rooted = true;
   }
+  // Most texts are clean already (every join cleans): one read-only pass
+  // finds that out and spares the rewriting below. It may answer "not
+  // clean" for a text the rewriting leaves as it is ("."), never the reverse.
+  {
+    size_t i = keep;
+    bool clean = n > 0;
+    if (rooted && i < n && p[i] == '/') ++i;  // the root's one "/"
+    if (rooted && i == keep) clean = false;   // "NAME" part followed by no "/"
+    bool onlyDotDots = true;                  // a relative path may begin with ".." segments
+    while (clean && i < n) {
+      size_t end = i;  // segments are short: a plain loop beats memchr's call
+      while (end < n && p[end] != '/') ++end;
+      const size_t len = end - i;
+      const bool dotDot = len == 2 && p[i] == '.' && p[i + 1] == '.';
+      if (len == 0 || (len == 1 && p[i] == '.') || end + 1 == n || (dotDot && (rooted || !onlyDotDots))) {
+        clean = false;  // an empty, "." or climbing ".." segment, or a final "/"
+        break;
+      }
+      onlyDotDots = onlyDotDots && dotDot;
+      i = end + 1;
+    }
+    if (clean) return n;
+  }
   size_t out = keep;
   size_t i = keep;
   if (rooted) {
@@ -232,11 +255,19 @@ int NUVSysPathImpl::append(const char* component, long n) {
   const size_t old = _data.length;
   const bool endsWithSlash = _data.path[old - 1] == '/';
   const size_t total = old + (endsWithSlash ? 0 : 1) + len;
+  if (total > 0xFFFF || !reserve(total + 1)) return E_FAIL;
   // Cleaning rewrites the old text too ("a//b" becomes "a/b"), so a copy of
-  // it waits past the joined text until the result has passed the checks.
-  if (total > 0xFFFF || !reserve(total + 1 + old)) return E_FAIL;
-  char* saved = _data.path + total + 1;
-  std::memcpy(saved, _data.path, old);
+  // it is kept until the result has passed the checks: on the stack for the
+  // usual lengths, so that a join allocates nothing when the buffer fits.
+  char local[kMaxPath];
+  std::string far;
+  char* saved = local;
+  if (old > sizeof local) {
+    far.assign(_data.path, old);
+    saved = far.data();
+  } else {
+    std::memcpy(local, _data.path, old);
+  }
   size_t at = old;
   if (!endsWithSlash) _data.path[at++] = '/';
   if (len > 0) std::memcpy(_data.path + at, component, len);
