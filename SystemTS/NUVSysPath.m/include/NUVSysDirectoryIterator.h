@@ -2,8 +2,12 @@
 // order readdir gives them, optionally through a NUVSysPathFilter.
 //
 //   int rc;
-//   for (NUVSysDirectoryIterator it = dir.Begin(&rc); it != dir.End(); ++it)
+//   const NUVSysDirectoryIterator end = dir.End();
+//   for (NUVSysDirectoryIterator it = dir.Begin(&rc); it != end; ++it)
 //     use(*it);  // the directory joined with the entry's name
+//
+// (End() makes a new iterator, with an allocation, at every call: in a loop
+// over many entries make it once, as above.)
 //
 // "." and ".." are never reported. Entries added or removed during the walk
 // may or may not be reported (readdir's rule); an entry is never reported
