@@ -15,7 +15,7 @@
 #include <string>
 
 #include "KELMutex.h"
-#include "NLSCore.h"
+#include "LocaleDatabase.h"
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "SingleByteTables.h"
@@ -498,4 +498,37 @@ int NUVSysCodePage::GetNextMultiByteCharAsUTF8(const char*& p, char* out) const 
   if (GetNextMultiByteCharAsUTF32(p, cp) == 0) return 0;
   auto* o = reinterpret_cast<uint8_t*>(out);
   return static_cast<int>(appendUtf8(cp, o) - o);
+}
+
+// ---- the V3 hash of code-page text ----
+// It lives beside the converter it goes through, so that the UTF layer below
+// never reaches up for the environment converter.
+
+unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
+                                               unsigned int seed,
+                                               const NUVSysCodePage* codePage) {
+  if (!text) return seed;
+  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
+  const UtfKernels& k = utfKernels();
+  uint32_t h = seed;
+  // 256 units a round, and one more for the terminator some methods write.
+  unsigned short buf[257];
+  const char* p = text;
+  size_t left = n;
+  while (p && left > 0) {
+    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
+    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
+    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), got, h);
+  }
+  return h;
+}
+
+unsigned int NUVSysUCAlgorithm::HashV3FromMBCSOptimistic(const char* text, unsigned long n,
+                                                         unsigned int seed,
+                                                         const NUVSysCodePage* codePage) {
+  if (!text) return seed;
+  const UtfKernels& k = utfKernels();
+  const size_t ascii = k.asciiPrefix(reinterpret_cast<const uint8_t*>(text), n);
+  const uint32_t h = k.hashBytes(reinterpret_cast<const uint8_t*>(text), ascii, seed);
+  return ascii == n ? h : HashV3FromMBCS(text + ascii, n - ascii, h, codePage);
 }

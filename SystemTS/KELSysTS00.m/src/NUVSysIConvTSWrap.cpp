@@ -12,7 +12,7 @@
 
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
-#include "NLSCore.h"
+#include "LocaleDatabase.h"
 #include "SysCalls.h"
 
 namespace {

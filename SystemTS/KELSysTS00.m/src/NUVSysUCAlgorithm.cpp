@@ -8,7 +8,6 @@
 
 #include <utf8/core.h>
 
-#include "NUVSysCodePage.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -298,35 +297,6 @@ unsigned int NUVSysUCAlgorithm::HashV3FromUTF8(const char* text, unsigned long n
     s = p;
   }
   return h;
-}
-
-unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
-                                               unsigned int seed,
-                                               const NUVSysCodePage* codePage) {
-  if (!text) return seed;
-  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
-  const UtfKernels& k = utfKernels();
-  uint32_t h = seed;
-  // 256 units a round, and one more for the terminator some methods write.
-  unsigned short buf[257];
-  const char* p = text;
-  size_t left = n;
-  while (p && left > 0) {
-    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
-    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
-    h = k.hashUnits(units(buf), got, h);
-  }
-  return h;
-}
-
-unsigned int NUVSysUCAlgorithm::HashV3FromMBCSOptimistic(const char* text, unsigned long n,
-                                                         unsigned int seed,
-                                                         const NUVSysCodePage* codePage) {
-  if (!text) return seed;
-  const UtfKernels& k = utfKernels();
-  const size_t ascii = k.asciiPrefix(bytes(text), n);
-  const uint32_t h = k.hashBytes(bytes(text), ascii, seed);
-  return ascii == n ? h : HashV3FromMBCS(text + ascii, n - ascii, h, codePage);
 }
 
 namespace {
