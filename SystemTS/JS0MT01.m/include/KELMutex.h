@@ -62,10 +62,6 @@ class SYSTEMTS_API KELMutex {
   static int (KELMutex::*TryLockF)();
 
  private:
-  // Builds its platform mutex in place and calls it directly (see
-  // NUVSysTSDataQueue.cpp).
-  friend class NUVSysTSDataQueue;
-
   KELMutexRealData* impl() const { return _impl.load(std::memory_order_acquire); }
 
   std::atomic<KELMutexRealData*> _impl;

@@ -43,12 +43,12 @@ KELMutexUnix::KELMutexUnix(int recursive) {
 
 KELMutexUnix::~KELMutexUnix() { pthread_mutex_destroy(&_mutex); }
 
-int KELMutexUnix::Lock() {
-  if (_debugMode == 0) return pthread_mutex_lock(&_mutex);
+int KELMutexUnix::LockWatched(pthread_mutex_t& m) {
+  if (_debugMode == 0) return pthread_mutex_lock(&m);
   KELThreads* self = KELThreads::Find();
-  if (self == nullptr) return pthread_mutex_lock(&_mutex);
+  if (self == nullptr) return pthread_mutex_lock(&m);
   self->SetStatusBits(KELThreads::BlockedOnMutex);
-  const int rc = pthread_mutex_lock(&_mutex);
+  const int rc = pthread_mutex_lock(&m);
   self->ClearStatusBits(KELThreads::BlockedOnMutex);
   return rc;
 }
