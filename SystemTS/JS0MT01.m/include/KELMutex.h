@@ -63,6 +63,9 @@ class SYSTEMTS_API KELMutex {
 
  private:
   KELMutexRealData* impl() const { return _impl.load(std::memory_order_acquire); }
+  // The platform mutex, made first (recursive, under _mutexGlobal) when it
+  // is missing, as Lock and TryLock need it; null if it still is not there.
+  SYSTEMTS_HIDDEN KELMutexRealData* made();
 
   std::atomic<KELMutexRealData*> _impl;
 };

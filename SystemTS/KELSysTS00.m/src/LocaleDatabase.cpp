@@ -1,6 +1,7 @@
 // Locale objects and iconv descriptors made and freed under one lock.
 #include "LocaleDatabase.h"
 
+#include <cstring>
 #include <mutex>
 
 #include "SysCalls.h"
@@ -34,6 +35,13 @@ iconv_t IconvOpen(const char* to, const char* from) {
 void IconvClose(iconv_t cd) {
   std::lock_guard<std::mutex> lock(g_databaseMutex);
   g_sys.iconvClose(cd);
+}
+
+char* CopyName(const char* name) {
+  const size_t n = std::strlen(name) + 1;
+  char* c = static_cast<char*>(g_sys.malloc(n));
+  if (c != nullptr) std::memcpy(c, name, n);
+  return c;
 }
 
 }  // namespace systemts::detail

@@ -20,6 +20,14 @@ void FreeLocale(locale_t l);
 iconv_t IconvOpen(const char* to, const char* from);
 void IconvClose(iconv_t cd);
 
+// What iconv_open returns on failure, and what the library's converters hold
+// when they have no descriptor.
+inline const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+
+// A copy of a locale or code-page name in memory from the library's malloc
+// (free it with std::free); null when out of memory.
+char* CopyName(const char* name);
+
 }  // namespace systemts::detail
 
 #endif  // SYSTEMTS_LOCALEDATABASE_H

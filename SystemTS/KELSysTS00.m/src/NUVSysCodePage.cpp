@@ -26,15 +26,7 @@ using namespace systemts::detail;
 
 namespace {
 
-const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
 constexpr size_t kLocaleBuffer = 85;
-
-char* copyName(const char* s) {
-  const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(g_sys.malloc(n));
-  if (c != nullptr) std::memcpy(c, s, n);
-  return c;
-}
 
 // Bytes of the NUL-terminated text at p that a one-character decode may read:
 // at most `max`, and never past the terminating NUL (which is included).
@@ -72,7 +64,7 @@ void NUVSysCodePage::setName(const char* name) {
   // A name that cannot be copied leaves none rather than the previous one,
   // which would no longer say what the converter does.
   std::free(_codePage);
-  _codePage = copyName(name);
+  _codePage = CopyName(name);
 }
 
 void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {

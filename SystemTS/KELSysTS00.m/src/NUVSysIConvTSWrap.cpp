@@ -15,9 +15,9 @@
 #include "LocaleDatabase.h"
 #include "SysCalls.h"
 
-namespace {
+using systemts::detail::kNoDescriptor;
 
-const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+namespace {
 
 // One registered pair; the registry is a list, newest first.
 struct Pair {
@@ -78,13 +78,6 @@ bool verbose() {
   return set;
 }
 
-char* copyName(const char* s) {
-  const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(systemts::detail::g_sys.malloc(n));
-  if (c != nullptr) std::memcpy(c, s, n);
-  return c;
-}
-
 bool knownPair(IConvDesc_t pairId) {
   if (g_mutex == nullptr) return false;
   KELMutexGuard guard(*g_mutex);
@@ -106,8 +99,8 @@ bool openNode(Node& node) {
     KELMutexGuard guard(*g_mutex);
     for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
       if (p->id == node.pairId) {
-        from = copyName(p->from);
-        to = copyName(p->to);
+        from = systemts::detail::CopyName(p->from);
+        to = systemts::detail::CopyName(p->to);
         break;
       }
     }
@@ -164,8 +157,8 @@ int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_
     }
   }
   auto* p = static_cast<Pair*>(systemts::detail::g_sys.malloc(sizeof(Pair)));
-  char* from = copyName(fromCode);
-  char* to = copyName(toCode);
+  char* from = systemts::detail::CopyName(fromCode);
+  char* to = systemts::detail::CopyName(toCode);
   if (p == nullptr || from == nullptr || to == nullptr) {
     std::free(p);
     std::free(from);

@@ -95,7 +95,7 @@ bool localeExists(const std::string& name) {
   return true;
 }
 
-void copyName(char (&dst)[64], const std::string& src) {
+void putName(char (&dst)[64], const std::string& src) {
   std::snprintf(dst, sizeof dst, "%s", src.c_str());
 }
 
@@ -110,8 +110,8 @@ void describe(State& s, const char* localeName) {
 void fill(State& s, const char* localeName) {
   const std::string name = localeName != nullptr ? localeName : "";
   if (name.empty() || name == "C" || name == "POSIX") {
-    copyName(s.env.codePage, "UTF-8");
-    copyName(s.env.localeEntry, "C");
+    putName(s.env.codePage, "UTF-8");
+    putName(s.env.localeEntry, "C");
     s.cLocale = localeExists("C.UTF-8") ? "C.UTF-8" : "C";
     return;
   }
@@ -129,8 +129,8 @@ void fill(State& s, const char* localeName) {
       FreeLocale(l);
     }
   }
-  copyName(s.env.codePage, codeset.empty() ? std::string("UTF-8") : NormalizeCodePageName(codeset));
-  copyName(s.env.localeEntry, entry.empty() ? std::string("C") : entry);
+  putName(s.env.codePage, codeset.empty() ? std::string("UTF-8") : NormalizeCodePageName(codeset));
+  putName(s.env.localeEntry, entry.empty() ? std::string("C") : entry);
   if (localeExists(name)) {
     s.cLocale = name;
   } else if (!entry.empty() && localeExists(entry + "." + s.env.codePage)) {
