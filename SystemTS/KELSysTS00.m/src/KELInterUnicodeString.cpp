@@ -13,6 +13,7 @@
 #include "NUVSysNLSEnv.h"
 #include "NUVSysUCAlgorithm.h"
 #include "StringRep.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 using Rep = KELInterUnicodeString;
@@ -103,10 +104,7 @@ using namespace systemts::detail;
 
 Rep* Rep::_KELSysEmptyStringPtr = &g_emptyBlock.head;
 
-int Rep::S_devStage = [] {
-  const char* v = std::getenv("KELDevelopmentStage");
-  return v != nullptr && std::strcmp(v, "FALSE") == 0 ? 0 : 1;
-}();
+int Rep::S_devStage = DevelopmentStageSetting();
 
 // ------------------------------------------------------------- creation --
 
@@ -392,7 +390,7 @@ Rep* Rep::Append(Rep* other) {
 
 int NUVStringInit(int devStage) {
   Rep::S_devStage = devStage;
-  if (std::getenv("ReplayPurify") == nullptr) t_poolOn = true;
+  if (!ReplayPurifySetting()) t_poolOn = true;
   return 0;
 }
 

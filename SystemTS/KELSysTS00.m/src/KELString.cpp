@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "StringRep.h"
+#include "Settings.h"
 
 using namespace systemts::detail;
 using Rep = KELInterUnicodeString;
@@ -51,7 +52,7 @@ bool refuseText(const char* t, size_t n) {
   if (bad == n) return false;
   // Read once, the first time a non-printable byte is met (a function-local
   // static is initialised under the compiler's one-time guard).
-  static const bool suppressed = std::getenv("KELStringWarningSuppress") != nullptr;
+  static const bool suppressed = systemts::detail::StringWarningsSuppressedSetting();
   if (Rep::S_devStage != 0 && !suppressed) {
     std::puts(kWarningStars);
     std::printf("* [KELString][Warning] The code '%d' does not map to a printable US ASCII character. *\n",

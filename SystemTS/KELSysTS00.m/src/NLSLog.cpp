@@ -1,5 +1,6 @@
 // The national-language log writer.
 #include "NLSLog.h"
+#include "Settings.h"
 
 #include <unistd.h>
 
@@ -8,10 +9,7 @@
 namespace systemts::detail {
 
 void VLogNLS(FILE* stream, const char* format, va_list args) {
-  static const bool enabled = [] {
-    const char* v = std::getenv("NUVSysNLSCoreTrace");
-    return v != nullptr && (std::strtol(v, nullptr, 10) & 0xFF) != 0;
-  }();
+  static const bool enabled = NLSCoreTraceSetting();
   if (!enabled || stream == nullptr || format == nullptr) return;
   std::fprintf(stream, "[PID:%u]", static_cast<unsigned>(getpid()));
   std::vfprintf(stream, format, args);

@@ -13,6 +13,7 @@
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
 #include "LocaleDatabase.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 using systemts::detail::kNoDescriptor;
@@ -74,7 +75,7 @@ struct ThreadDescriptors {
 thread_local ThreadDescriptors t_descriptors;
 
 bool verbose() {
-  static const bool set = std::getenv("ADL_ODT_IN") != nullptr;
+  static const bool set = systemts::detail::IconvVerboseSetting();
   return set;
 }
 

@@ -19,6 +19,7 @@
 #include "LocaleEnvironment.h"
 #include "NLSCore.h"
 #include "NLSLog.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 namespace systemts::detail {
@@ -140,18 +141,10 @@ void fill(State& s, const char* localeName) {
   }
 }
 
-const char* environmentLocaleName() {
-  for (const char* var : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    const char* v = std::getenv(var);
-    if (v != nullptr && *v != '\0') return v;
-  }
-  return nullptr;
-}
-
 State& detected() {
   State& s = state();
   if (!s.detected) {
-    describe(s, environmentLocaleName());
+    describe(s, LocaleNameSetting());
     s.detected = true;
   }
   return s;
