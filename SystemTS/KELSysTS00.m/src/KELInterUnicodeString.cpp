@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "Diagnostics.h"
 #include "NUVSysCodePage.h"
 #include "NUVSysIConvTSWrap.h"
 #include "NUVSysNLSEnv.h"
@@ -422,6 +423,5 @@ void NUVStringPoolDisable() {
 }
 
 void NUVDebugBreak(int code) {
-  std::fprintf(stderr, "NUVDebugBreak(%d)\n", code);
-  std::fflush(stderr);
+  Diagnose(stderr, kDiagnoseFlush, "NUVDebugBreak(%d)\n", code);
 }

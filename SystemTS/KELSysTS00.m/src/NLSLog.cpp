@@ -1,5 +1,7 @@
 // The national-language log writer.
 #include "NLSLog.h"
+
+#include "Diagnostics.h"
 #include "Settings.h"
 
 #include <unistd.h>
@@ -11,10 +13,9 @@ namespace systemts::detail {
 void VLogNLS(FILE* stream, const char* format, va_list args) {
   static const bool enabled = NLSCoreTraceSetting();
   if (!enabled || stream == nullptr || format == nullptr) return;
-  std::fprintf(stream, "[PID:%u]", static_cast<unsigned>(getpid()));
-  std::vfprintf(stream, format, args);
-  std::fputc('\n', stream);
-  std::fflush(stream);
+  char prefix[32];
+  std::snprintf(prefix, sizeof prefix, "[PID:%u]", static_cast<unsigned>(getpid()));
+  VDiagnose(stream, kDiagnoseNewline | kDiagnoseFlush, prefix, format, args);
 }
 
 void LogNLS(FILE* stream, const char* format, ...) {

@@ -14,6 +14,7 @@
 #include <new>
 #include <string>
 
+#include "Diagnostics.h"
 #include "KELMutex.h"
 #include "LocaleDatabase.h"
 #include "NUVSysCLocale.h"
@@ -110,8 +111,8 @@ int NUVSysCodePage::_InitConvDesc(const char* codePage) {
     rc = E_FAIL;
   }
   if (rc != S_OK) {
-    std::fprintf(stderr, "ERROR: SUPPLANG_K2 does not contain a valid code set for code page: %s.\n", codePage);
-    std::fflush(stderr);
+    Diagnose(stderr, kDiagnoseFlush,
+             "ERROR: SUPPLANG_K2 does not contain a valid code set for code page: %s.\n", codePage);
   }
   return rc;
 }
@@ -249,18 +250,15 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
     }
     if (e == E2BIG) {
       if (dstCap == 0) {
-        std::fprintf(stderr, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
-                     static_cast<unsigned long long>(inLeft));
-        std::fflush(stderr);
+        Diagnose(stderr, kDiagnoseFlush, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
+                 static_cast<unsigned long long>(inLeft));
       }
       break;
     }
     if (e == EINVAL) {
-      std::fprintf(stderr, "iconv EINVAL error: input buffer was truncated.\n");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "iconv EINVAL error: input buffer was truncated.\n");
     } else if (e != EILSEQ) {
-      std::fprintf(stderr, "iconv errno is: %d\n", e);
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "iconv errno is: %d\n", e);
     }
     // Skip the character iconv refused and write the replacement unit.
     if (maxChar == 0) maxChar = static_cast<size_t>(NUVGetMultiByteCharMaxSize());
@@ -396,8 +394,8 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     }
     if (got == 0) return -1;
     if (got != 1) {
-      std::fprintf(stderr, "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush,
+               "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
       return -1;
     }
     // The unit must give back exactly the bytes it came from. A bounded call

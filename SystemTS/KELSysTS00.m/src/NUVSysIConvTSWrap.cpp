@@ -10,12 +10,15 @@
 #include <mutex>
 #include <new>
 
+#include "Diagnostics.h"
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
 #include "LocaleDatabase.h"
 #include "Settings.h"
 #include "SysCalls.h"
 
+using systemts::detail::Diagnose;
+using systemts::detail::kDiagnoseFlush;
 using systemts::detail::kNoDescriptor;
 
 namespace {
@@ -123,8 +126,8 @@ bool openNode(Node& node) {
     node.forward = node.reverse = kNoDescriptor;
     node.retry = err != EINVAL;
     if (verbose()) {
-      std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
     }
   } else {
     node.invalid = false;
@@ -176,10 +179,9 @@ int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_
 iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
   if (g_ending.load(std::memory_order_acquire)) {
     if (g_warnOnce.exchange(false) && verbose()) {
-      std::fprintf(stdout,
-                   "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has been dropped in a earlier "
-                   "stage\n.");
-      std::fflush(stdout);
+      Diagnose(stdout, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has been dropped in a earlier "
+               "stage\n.");
     }
     return kNoDescriptor;
   }
@@ -201,8 +203,7 @@ iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
   // First use of this pair on this thread.
   if (!knownPair(pairId)) {
     if (verbose()) {
-      std::fprintf(stderr, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
     }
     return kNoDescriptor;
   }
@@ -223,8 +224,8 @@ void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
   g_ending.store(true, std::memory_order_release);
   if (g_nodes != nullptr) {
     if (verbose()) {
-      std::fprintf(stdout, "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
-      std::fflush(stdout);
+      Diagnose(stdout, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
     }
     std::lock_guard<std::mutex> lock(g_closeMutex);
     void* value = nullptr;
