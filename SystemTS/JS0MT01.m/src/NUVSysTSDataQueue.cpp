@@ -60,8 +60,9 @@ constexpr uint32_t kMaxSpareSlabs = 1024;
 
 constexpr int kLargestCount = 0x7fffffff;
 
-// The queue makes its semaphores itself, always of the plain kind: calls
-// through this type are direct, not virtual.
+// The space semaphore is always of the plain kind (the items semaphore is a
+// SemaphoreCore in the lock): calls through this type are direct, not
+// virtual.
 NUVSysSemaphoreImpl* plain(NUVSysSemaphore* s) { return static_cast<NUVSysSemaphoreImpl*>(s); }
 
 // The items semaphore does not spin before sleeping. A taker that spins on an
