@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace {
 
@@ -27,23 +30,23 @@ TEST(KELWaitingPoint, InitialStateResetAndTimeOut) {
   EXPECT_EQ(manualOff.Wait(-1), 0);
 }
 
-// Broadcast wakes every waiter, limited or not, whichever reset it has.
+// Broadcast wakes every waiter, limited or not, whichever reset it has. The
+// broadcast comes only once all four are seen asleep: an auto-reset waiter
+// arriving after it would find the point not signalled.
 TEST(KELWaitingPoint, BroadcastWakesAllWaiters) {
   for (int autoReset : {0, 1}) {
+    SCOPED_TRACE(autoReset ? "auto reset" : "manual reset");
     KELWaitingPoint wp(autoReset, -1);
-    std::atomic<int> inside{0}, woken{0};
-    std::vector<std::thread> waiters;
+    std::atomic<int> woken{0};
+    std::vector<std::unique_ptr<Sleeper>> waiters;
     for (int i = 0; i < 4; ++i) {
-      waiters.emplace_back([&, i] {
-        inside.fetch_add(1);
-        woken += wp.Wait(i % 2 == 0 ? -1 : 60000) == 0;
-      });
+      waiters.push_back(std::make_unique<Sleeper>([&, i] { woken += wp.Wait(i % 2 == 0 ? -1 : 60000) == 0; }));
     }
-    while (inside.load() < 4) std::this_thread::yield();
-    std::this_thread::sleep_for(20ms);  // let them block
+    for (auto& w : waiters) EXPECT_TRUE(w->sleeping());
+    EXPECT_EQ(woken, 0);  // nobody passes before the broadcast
     wp.Broadcast();
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(woken, 4) << "autoReset " << autoReset;
+    for (auto& w : waiters) w->thread.join();
+    EXPECT_EQ(woken, 4);
     // Auto reset falls back to not signalled once it woke waiters.
     EXPECT_EQ(wp.Wait(0), autoReset ? -1 : 0);
   }

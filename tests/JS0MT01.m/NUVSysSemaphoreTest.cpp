@@ -5,19 +5,17 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FaultInjection.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -29,40 +27,6 @@ int count(const Sem& s) {
   return n;
 }
 const char kKinds[] = {0, 1};
-
-// Waits for a condition with a generous deadline; never decides by sleeping.
-template <class F>
-bool eventually(F done) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// True while thread `tid` of this process sleeps in the kernel.
-bool asleep(pid_t tid) {
-  std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/stat");
-  const std::string s{std::istreambuf_iterator<char>(f), {}};
-  const auto p = s.rfind(") ");
-  return p != std::string::npos && s[p + 2] == 'S';
-}
-
-// A thread that gives its kernel id first, so that the test can see it sleep.
-struct Sleeper {
-  template <class F>
-  explicit Sleeper(F f) : thread([this, f] {
-    tid = static_cast<pid_t>(syscall(SYS_gettid));
-    f();
-    returned = true;
-  }) {}
-  // Whether it sleeps in the kernel (waits for it to get there); false once it returned.
-  bool sleeping() { return eventually([&] { return returned || (tid != 0 && asleep(tid)); }) && !returned; }
-  std::atomic<pid_t> tid{0};
-  std::atomic<bool> returned{false};
-  std::thread thread;
-};
 
 std::atomic<int> g_handled{0};
 void onSignal(int) { g_handled.fetch_add(1); }

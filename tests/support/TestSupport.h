@@ -1,17 +1,22 @@
 // Helpers the test programs share: the text corpora, environment variables
-// that are set or left out, and child processes that report on stderr.
+// that are set or left out, child processes that report on stderr, and
+// threads seen asleep in the kernel.
 #ifndef SYSTEMTS_TESTS_TEST_SUPPORT_H
 #define SYSTEMTS_TESTS_TEST_SUPPORT_H
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 // A file of the shared corpora, or "" when it is not there.
 inline std::string readCorpus(const std::string& name) {
@@ -71,5 +76,39 @@ std::string runSelfChild(const std::string& argv0, const std::string& filter, co
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) got += "<status " + std::to_string(status) + ">";
   return got;
 }
+
+// Waits for a condition with a generous deadline; never decides by sleeping.
+template <class F>
+bool eventually(F done) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// True while thread `tid` of this process sleeps in the kernel.
+inline bool asleep(pid_t tid) {
+  std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/stat");
+  const std::string s{std::istreambuf_iterator<char>(f), {}};
+  const auto p = s.rfind(") ");
+  return p != std::string::npos && s[p + 2] == 'S';
+}
+
+// A thread that gives its kernel id first, so that the test can see it sleep.
+struct Sleeper {
+  template <class F>
+  explicit Sleeper(F f) : thread([this, f] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    f();
+    returned = true;
+  }) {}
+  // Whether it sleeps in the kernel (waits for it to get there); false once it returned.
+  bool sleeping() { return eventually([&] { return returned || (tid != 0 && asleep(tid)); }) && !returned; }
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> returned{false};
+  std::thread thread;
+};
 
 #endif  // SYSTEMTS_TESTS_TEST_SUPPORT_H

@@ -62,11 +62,10 @@ class SYSTEMTS_API KELMutex {
   static int (KELMutex::*TryLockF)();
 
  private:
-  // Builds its platform mutex in place and calls it directly (see
-  // NUVSysTSDataQueue.cpp).
-  friend class NUVSysTSDataQueue;
-
   KELMutexRealData* impl() const { return _impl.load(std::memory_order_acquire); }
+  // The platform mutex, made first (recursive, under _mutexGlobal) when it
+  // is missing, as Lock and TryLock need it; null if it still is not there.
+  SYSTEMTS_HIDDEN KELMutexRealData* made();
 
   std::atomic<KELMutexRealData*> _impl;
 };

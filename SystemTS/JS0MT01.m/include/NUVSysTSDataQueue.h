@@ -30,12 +30,13 @@
 #include <atomic>
 #include <cstdint>
 
-#include "KELMutex.h"
 #include "NUVSysRefCounter.h"
 #include "NUVSysSemaphore.h"
 #include "SystemTSCommon.h"
 
-class KELMutexUnix;
+namespace systemts::detail {
+struct QueueLock;
+}  // namespace systemts::detail
 
 class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
  public:
@@ -86,22 +87,23 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   struct Slab;
   struct Chain;
 
+  // The queue's mutex, items semaphore and chain, laid out in _inPlace.
+  friend struct systemts::detail::QueueLock;
+
   NUVSysTSDataQueue();
   bool Initialize(bool blocking, int capacity);
-  // Locks and unlocks the mutex, through its platform mutex.
+  // Locks and unlocks the queue's mutex.
   void lock();
   SYSTEMTS_HIDDEN void unlock();
-  SYSTEMTS_HIDDEN KELMutexUnix* platformMutex() const;
   // Under the mutex: a node for a new value, null when out of memory.
   Node* newNode();
   // Under the mutex: takes back the node of a value that left the queue.
   void recycle(Node* node);
-  // The chain of values and its length, kept in _inPlace.
-  SYSTEMTS_HIDDEN Chain& chain();
+  // The lock, the items semaphore and the chain, kept in _inPlace.
+  SYSTEMTS_HIDDEN systemts::detail::QueueLock& sync();
 
   std::atomic<int32_t> _refCount;
-  KELMutex _mutex;
-  NUVSysSemaphore* _items = nullptr;  // values that may be taken
+  bool _blocking = false;             // takers wait for values
   NUVSysSemaphore* _space = nullptr;  // free places of a bounded queue
   int32_t _capacity = -1;             // -1: unbounded
   // Nodes come from slabs of consecutive nodes, handed out in order and
@@ -111,10 +113,9 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   uint32_t _slabNext = 0;             // its next node not handed out yet
   Slab* _spareSlabs = nullptr;        // emptied slabs kept for reuse
   uint32_t _spareSlabCount = 0;
-  // The items semaphore, the chain of values (head, tail, count) and the
-  // platform mutex of _mutex, built here at offsets chosen so that the words
-  // a giver and a taker both change on every value share one cache line (see
-  // NUVSysTSDataQueue.cpp).
+  // A systemts::detail::QueueLock (NUVSysTSDataQueue.cpp): the mutex, the
+  // items semaphore and the chain of values, laid out so that the words a
+  // giver and a taker both change on every value share one cache line.
   alignas(64) unsigned char _inPlace[192];
 };
 

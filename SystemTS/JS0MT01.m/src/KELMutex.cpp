@@ -43,12 +43,12 @@ KELMutexUnix::KELMutexUnix(int recursive) {
 
 KELMutexUnix::~KELMutexUnix() { pthread_mutex_destroy(&_mutex); }
 
-int KELMutexUnix::Lock() {
-  if (_debugMode == 0) return pthread_mutex_lock(&_mutex);
+int KELMutexUnix::LockWatched(pthread_mutex_t& m) {
+  if (_debugMode == 0) return pthread_mutex_lock(&m);
   KELThreads* self = KELThreads::Find();
-  if (self == nullptr) return pthread_mutex_lock(&_mutex);
+  if (self == nullptr) return pthread_mutex_lock(&m);
   self->SetStatusBits(KELThreads::BlockedOnMutex);
-  const int rc = pthread_mutex_lock(&_mutex);
+  const int rc = pthread_mutex_lock(&m);
   self->ClearStatusBits(KELThreads::BlockedOnMutex);
   return rc;
 }
@@ -92,14 +92,18 @@ void KELMutex::_Initialize(int useGlobal, int recursive) {
   if (global) (_mutexGlobal.*UnlockF)();
 }
 
-int KELMutex::Lock() {
+KELMutexRealData* KELMutex::made() {
   KELMutexRealData* d = impl();
   if (d == nullptr) {
     _Initialize(1, 1);
     d = impl();
-    if (d == nullptr) return 0;
   }
-  return d->Lock();
+  return d;
+}
+
+int KELMutex::Lock() {
+  KELMutexRealData* d = made();
+  return d != nullptr ? d->Lock() : 0;
 }
 
 int KELMutex::Unlock() {
@@ -108,13 +112,8 @@ int KELMutex::Unlock() {
 }
 
 int KELMutex::TryLock() {
-  KELMutexRealData* d = impl();
-  if (d == nullptr) {
-    _Initialize(1, 1);
-    d = impl();
-    if (d == nullptr) return 1;
-  }
-  return d->TryLock();
+  KELMutexRealData* d = made();
+  return d != nullptr ? d->TryLock() : 1;
 }
 
 KELSmartMutex::KELSmartMutex(int deferred) : KELMutex(0, 1, deferred) {}

@@ -22,9 +22,14 @@ class KELMutexUnix final : public KELMutexRealData {
   KELMutexUnix(const KELMutexUnix&) = delete;
   KELMutexUnix& operator=(const KELMutexUnix&) = delete;
 
-  int Lock() override;
+  int Lock() override { return LockWatched(_mutex); }
   int Unlock() override { return pthread_mutex_unlock(&_mutex); }
   int TryLock() override { return pthread_mutex_trylock(&_mutex) == 0 ? 0 : 1; }
+
+  // Locks `m`; in debug mode with the calling thread's KELThreads::
+  // BlockedOnMutex bit set while it waits. For this class and for raw
+  // mutexes the library places itself (the queue's).
+  static int LockWatched(pthread_mutex_t& m);
 
   // Set once, by the first construction, when the thread-debug flag is on.
   static unsigned char _debugMode;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Diagnostics.h"
 #include "SysCalls.h"
 namespace systemts::detail {
 namespace {
@@ -27,17 +28,16 @@ enum TraceLine : int {
 };
 
 // Writes one diagnostic line to standard output, "<source>(<line>) : <message>",
-// and flushes it. The stream is locked so that lines of two threads never mix.
+// and flushes it, in one message of the diagnostics writer, so that lines of
+// two threads never mix.
 __attribute__((format(printf, 2, 3))) void trace(int line, const char* format, ...) {
-  flockfile(stdout);
-  std::fprintf(stdout, "%s(%8d) : ", kSource, line);
+  char prefix[sizeof kSource + 24];
+  std::snprintf(prefix, sizeof prefix, "%s(%8d) : ", kSource, line);
   va_list args;
   va_start(args, format);
-  std::vfprintf(stdout, format, args);
+  systemts::detail::VDiagnose(stdout, systemts::detail::kDiagnoseNewline | systemts::detail::kDiagnoseFlush, prefix,
+                              format, args);
   va_end(args);
-  std::fputc('\n', stdout);
-  std::fflush(stdout);
-  funlockfile(stdout);
 }
 
 // The value of a pair as the "Duplicated pair" lines print it.

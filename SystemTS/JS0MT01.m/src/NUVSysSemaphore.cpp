@@ -75,19 +75,24 @@ int NUVSysSemaphore::DecreaseCount(int n) {
   return 0;
 }
 
-// ---- NUVSysSemaphoreImpl ----
+// ---- SemaphoreCore, the plain kind ----
 
-NUVSysSemaphoreImpl::NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries)
-    : _currentCount(initialCount), _maxCount(maxCount), _spinTries(spinTries) {
+namespace systemts::detail {
+
+bool SemaphoreCore::init(int32_t maxCount, int32_t initialCount, int32_t spinTries) {
+  _currentCount.store(initialCount, std::memory_order_relaxed);
+  _maxCount = maxCount;
+  _spinTries = spinTries;
   // The POSIX count stays 0 but for hand-offs to sleeping threads.
-  if (systemts::detail::g_sys.semInit(&_sem, 0, 0) == 0) _initialised = 1;
+  if (g_sys.semInit(&_sem, 0, 0) == 0) _initialised = 1;
+  return _initialised != 0;
 }
 
-NUVSysSemaphoreImpl::~NUVSysSemaphoreImpl() {
+SemaphoreCore::~SemaphoreCore() {
   if (_initialised != 0) sem_destroy(&_sem);
 }
 
-bool NUVSysSemaphoreImpl::tryTake() {
+bool SemaphoreCore::tryTake() {
   int32_t c = _currentCount.load(std::memory_order_relaxed);
   while (c > 0) {
     if (_currentCount.compare_exchange_weak(c, c - 1, std::memory_order_acquire, std::memory_order_relaxed)) {
@@ -97,17 +102,17 @@ bool NUVSysSemaphoreImpl::tryTake() {
   return false;
 }
 
-bool NUVSysSemaphoreImpl::spinTake() {
+bool SemaphoreCore::spinTake() {
   for (int32_t i = 0; i < _spinTries; ++i) {
     if (tryTake()) return true;
-    systemts::detail::cpuRelax();
+    cpuRelax();
   }
   return false;
 }
 
-int NUVSysSemaphoreImpl::sleepForUnit(const timespec* deadline) {
+int SemaphoreCore::sleepForUnit(const timespec* deadline) {
   for (;;) {
-    const int rc = deadline != nullptr ? systemts::detail::g_sys.semTimedWait(&_sem, deadline) : systemts::detail::g_sys.semWait(&_sem);
+    const int rc = deadline != nullptr ? g_sys.semTimedWait(&_sem, deadline) : g_sys.semWait(&_sem);
     if (rc == 0) return 0;  // a Signal handed us its unit
     const int e = errno;
     if (e == EINTR) continue;  // a signal handler ran: same deadline, wait on
@@ -121,22 +126,22 @@ int NUVSysSemaphoreImpl::sleepForUnit(const timespec* deadline) {
     }
     // Too late: a Signal counted us in and handed us a unit; its post is on
     // the way or already there. Take it, so that no stale post is left.
-    while (systemts::detail::g_sys.semWait(&_sem) != 0) {
+    while (g_sys.semWait(&_sem) != 0) {
       if (errno != EINTR) return errnoResult();
     }
     return 0;
   }
 }
 
-int NUVSysSemaphoreImpl::Wait() {
+int SemaphoreCore::wait() {
   if (spinTake()) return 0;
   // Count ourselves in as a sleeper; a unit that arrived meanwhile is ours.
   if (_currentCount.fetch_sub(1, std::memory_order_acquire) > 0) return 0;
   return sleepForUnit(nullptr);
 }
 
-int NUVSysSemaphoreImpl::TimedWait(int milliseconds) {
-  if (milliseconds == -1) return Wait();
+int SemaphoreCore::timedWait(int milliseconds) {
+  if (milliseconds == -1) return wait();
   if (milliseconds < -1) return E_INVALIDARG;
   if (tryTake()) return 0;
   if (milliseconds == 0) return 1;
@@ -147,7 +152,7 @@ int NUVSysSemaphoreImpl::TimedWait(int milliseconds) {
   return sleepForUnit(&deadline);
 }
 
-int NUVSysSemaphoreImpl::Signal() {
+int SemaphoreCore::signal() {
   int32_t c = _currentCount.load(std::memory_order_relaxed);
   do {
     // A negative count means sleepers and no unit: the unit goes to one of
@@ -155,7 +160,7 @@ int NUVSysSemaphoreImpl::Signal() {
     // at 0 even with sleepers.
     if ((c > 0 ? c : 0) >= _maxCount) return E_FAIL;
   } while (!_currentCount.compare_exchange_weak(c, c + 1, std::memory_order_release, std::memory_order_relaxed));
-  if (c < 0 && systemts::detail::g_sys.semPost(&_sem) != 0) {
+  if (c < 0 && g_sys.semPost(&_sem) != 0) {
     // The sleeper cannot be woken: take the unit back, so that the count
     // still says one thread sleeps without a unit (a later Signal wakes it).
     const int rc = errnoResult();
@@ -165,16 +170,7 @@ int NUVSysSemaphoreImpl::Signal() {
   return 0;
 }
 
-int NUVSysSemaphoreImpl::GetMaxCount(int& n) const {
-  n = _maxCount;
-  return 0;
-}
-
-int NUVSysSemaphoreImpl::GetCurrentCount(int& n) const {
-  const int32_t c = _currentCount.load(std::memory_order_relaxed);
-  n = c > 0 ? c : 0;
-  return 0;
-}
+}  // namespace systemts::detail
 
 // ---- NUVSysSemaphoreVarCntImpl ----
 

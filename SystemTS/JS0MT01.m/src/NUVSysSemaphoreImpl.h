@@ -5,6 +5,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <cstddef>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -23,9 +24,9 @@ inline void cpuRelax() {
 #endif
 }
 
-}  // namespace systemts::detail
-
-// The plain kind (0).
+// The plain kind (0), as a class of its own without virtual calls: the
+// semaphore below holds one, and so does the queue (NUVSysTSDataQueue.cpp),
+// which places its words where its layout needs them.
 //
 // The count is kept in `_currentCount` and nowhere else; the POSIX semaphore
 // only puts threads to sleep and wakes them. A negative `_currentCount` is
@@ -43,26 +44,34 @@ inline void cpuRelax() {
 // So posts always equal hand-offs, `_sem` never holds stale posts, and a
 // Signal with nobody waiting is one atomic operation and no system call.
 //
-// A waiter that finds no unit retries `spinTries` times before it sleeps
-// (kDefaultSpinTries unless its creator says otherwise).
-class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
+// A waiter that finds no unit retries `spinTries` times before it sleeps.
+class SemaphoreCore {
  public:
-  // A hand-off between two running threads takes well under a microsecond, a
-  // sleep and wake-up several; this spin lasts a few microseconds at most.
-  static constexpr int32_t kDefaultSpinTries = 128;
+  // Not usable until init succeeded.
+  SemaphoreCore() = default;
+  ~SemaphoreCore();
+  SemaphoreCore(const SemaphoreCore&) = delete;
+  SemaphoreCore& operator=(const SemaphoreCore&) = delete;
 
-  NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries = kDefaultSpinTries);
-  ~NUVSysSemaphoreImpl() override;
-
-  // True when the POSIX semaphore was initialised; a semaphore that is not
-  // must not be used.
+  // Sets the counts and initialises the POSIX semaphore; false when that
+  // failed, and the core must then not be used.
+  bool init(int32_t maxCount, int32_t initialCount, int32_t spinTries);
   bool initialised() const { return _initialised != 0; }
 
-  int Wait() override;
-  int TimedWait(int milliseconds) override;
-  int Signal() override;
-  int GetMaxCount(int& n) const override;
-  int GetCurrentCount(int& n) const override;
+  // As NUVSysSemaphore's Wait, TimedWait and Signal.
+  int wait();
+  int timedWait(int milliseconds);
+  int signal();
+  int32_t maxCount() const { return _maxCount; }
+  int32_t currentCount() const {
+    const int32_t c = _currentCount.load(std::memory_order_relaxed);
+    return c > 0 ? c : 0;
+  }
+
+  // Byte offsets of the count and of the POSIX semaphore in the object, for
+  // layouts that place them.
+  static constexpr size_t countOffset();
+  static constexpr size_t semOffset();
 
  private:
   // Takes a unit if one is there, without waiting.
@@ -75,9 +84,44 @@ class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
 
   sem_t _sem;
   int32_t _initialised = 0;
-  std::atomic<int32_t> _currentCount;
-  int32_t _maxCount;
-  int32_t _spinTries;
+  std::atomic<int32_t> _currentCount{0};
+  int32_t _maxCount = 0;
+  int32_t _spinTries = 0;
+};
+
+constexpr size_t SemaphoreCore::countOffset() { return offsetof(SemaphoreCore, _currentCount); }
+constexpr size_t SemaphoreCore::semOffset() { return offsetof(SemaphoreCore, _sem); }
+
+}  // namespace systemts::detail
+
+class NUVSysSemaphoreImpl final : public NUVSysSemaphore {
+ public:
+  // A hand-off between two running threads takes well under a microsecond, a
+  // sleep and wake-up several; this spin lasts a few microseconds at most.
+  static constexpr int32_t kDefaultSpinTries = 128;
+
+  NUVSysSemaphoreImpl(int maxCount, int initialCount, int32_t spinTries = kDefaultSpinTries) {
+    _core.init(maxCount, initialCount, spinTries);
+  }
+
+  // True when the POSIX semaphore was initialised; a semaphore that is not
+  // must not be used.
+  bool initialised() const { return _core.initialised(); }
+
+  int Wait() override { return _core.wait(); }
+  int TimedWait(int milliseconds) override { return _core.timedWait(milliseconds); }
+  int Signal() override { return _core.signal(); }
+  int GetMaxCount(int& n) const override {
+    n = _core.maxCount();
+    return 0;
+  }
+  int GetCurrentCount(int& n) const override {
+    n = _core.currentCount();
+    return 0;
+  }
+
+ private:
+  systemts::detail::SemaphoreCore _core;
 };
 
 // The variable-count kind (1): the count under a mutex, waiters on a

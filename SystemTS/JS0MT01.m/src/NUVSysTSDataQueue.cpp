@@ -1,9 +1,12 @@
-// NUVSysTSDataQueue: a chain of nodes under one KELMutex, with an items
+// NUVSysTSDataQueue: a chain of nodes under one mutex, with an items
 // semaphore that takers wait on and, for a bounded queue, a space semaphore
 // that givers wait on. The semaphores are waited on and signalled outside the
 // mutex, so the mutex is held only for a few pointer moves.
 #include "NUVSysTSDataQueue.h"
 
+#include <pthread.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -57,31 +60,10 @@ constexpr uint32_t kMaxSpareSlabs = 1024;
 
 constexpr int kLargestCount = 0x7fffffff;
 
-// The queue makes its semaphores itself, always of the plain kind: calls
-// through this type are direct, not virtual.
+// The space semaphore is always of the plain kind (the items semaphore is a
+// SemaphoreCore in the lock): calls through this type are direct, not
+// virtual.
 NUVSysSemaphoreImpl* plain(NUVSysSemaphore* s) { return static_cast<NUVSysSemaphoreImpl*>(s); }
-
-// Every value a giver hands to a taker changes, on both sides, the items
-// semaphore's count, the chain and the platform mutex's lock word and owner,
-// and moving a cache line between two processors costs hundreds of
-// nanoseconds on some machines. The three are therefore built in _inPlace
-// (64-byte aligned) so that all those words fall in its second line, bytes
-// 64 to 127:
-//   24  the semaphore: its count (44 bytes in, after the vtable pointer, the
-//       sem_t and one int) at 68, its maximum and spin setting after it;
-//       the sem_t, touched only to sleep and wake, in the first line;
-//   80  the chain: head, tail, count;
-//   104 the mutex: the pthread lock word, count, owner and user count (after
-//       the vtable pointer) at 112 to 127; the mutex kind, only read, and
-//       the unused list fields in the third line.
-// Left to the heap, these objects and the queue fell on three to five lines,
-// differently from one run to the next, and throughput varied with them by
-// up to three times.
-constexpr size_t kItemsAt = 24;
-constexpr size_t kChainAt = 80;
-constexpr size_t kMutexAt = 104;
-static_assert(sizeof(NUVSysSemaphoreImpl) <= kChainAt - kItemsAt, "the semaphore ends before the chain");
-static_assert(kMutexAt + sizeof(KELMutexUnix) <= 192, "the mutex fits in _inPlace");
 
 // The items semaphore does not spin before sleeping. A taker that spins on an
 // empty queue takes each value the moment it arrives, so the two threads
@@ -94,38 +76,100 @@ constexpr int32_t kItemsSpinTries = 0;
 
 }  // namespace
 
-// The mutex is made deferred, so KELMutex makes no platform mutex of its own;
-// the queue installs the one it builds in place.
-NUVSysTSDataQueue::NUVSysTSDataQueue() : _refCount(1), _mutex(0, 0, 1), _inPlace() {
-  static_assert(kChainAt + sizeof(Chain) <= kMutexAt, "the chain ends before the mutex");
-  new (_inPlace + kChainAt) Chain;
-  _mutex._impl.store(new (_inPlace + kMutexAt) KELMutexUnix(0), std::memory_order_release);
+namespace systemts::detail {
+
+// Every value a giver hands to a taker changes, on both sides, the items
+// semaphore's count, the chain and the mutex's lock word and owner, and
+// moving a cache line between two processors costs hundreds of nanoseconds
+// on some machines. The queue therefore keeps the three in this one object
+// (64-byte aligned, in its _inPlace), laid out so that all those words fall
+// in the second line, bytes 64 to 127:
+//   32  the items semaphore: its POSIX semaphore, touched only to sleep and
+//       wake, in the first line; its count at 68, its maximum and spin
+//       setting after it;
+//   80  the chain: head, tail, count;
+//   112 the pthread mutex: its lock word, count, owner and user count at 112
+//       to 127; its kind, only read, and the unused list fields in the third
+//       line.
+// Left to the heap, these objects and the queue fell on three to five lines,
+// differently from one run to the next, and throughput varied with them by
+// up to three times.
+struct alignas(64) QueueLock {
+  using Chain = NUVSysTSDataQueue::Chain;
+
+  QueueLock() { pthread_mutex_init(&mutex, nullptr); }
+  ~QueueLock() { pthread_mutex_destroy(&mutex); }
+  QueueLock(const QueueLock&) = delete;
+  QueueLock& operator=(const QueueLock&) = delete;
+
+  void lock() {
+    // A free mutex is taken with one compare-and-swap. Otherwise the thread
+    // blocks at once, without spinning: the mutex is held for a few pointer
+    // moves, but while a giver and a taker both spin for it, its cache line
+    // and the chain's move between their cores on every value, and such a
+    // transfer costs hundreds of nanoseconds on some machines. A thread that
+    // blocks lets the other run alone for a stretch of values with its lines
+    // at hand, which with one giver and one taker measured faster than every
+    // spin we tried.
+    if (pthread_mutex_trylock(&mutex) == 0) return;
+    KELMutexUnix::LockWatched(mutex);
+  }
+  void unlock() { pthread_mutex_unlock(&mutex); }
+
+  unsigned char unused0[32];
+  SemaphoreCore items;  // initialised only for a blocking queue
+  Chain chain;
+  unsigned char unused1[8];
+  pthread_mutex_t mutex;
+};
+
+namespace {
+
+constexpr size_t kLine = 64;
+constexpr size_t lineOf(size_t offset) { return offset / kLine; }
+constexpr size_t kItemsAt = offsetof(QueueLock, items);
+constexpr size_t kChainAt = offsetof(QueueLock, chain);
+constexpr size_t kMutexAt = offsetof(QueueLock, mutex);
+// glibc's mutex starts with its lock word, count, owner and user count.
+constexpr size_t kMutexHotBytes = 16;
+
+static_assert(alignof(QueueLock) == kLine, "the object starts a cache line");
+static_assert(lineOf(kItemsAt + SemaphoreCore::semOffset()) == 0 &&
+                  lineOf(kItemsAt + SemaphoreCore::semOffset() + sizeof(sem_t) - 1) == 0,
+              "the POSIX semaphore, touched only to sleep and wake, stays in the first line");
+static_assert(lineOf(kItemsAt + SemaphoreCore::countOffset()) == 1 &&
+                  lineOf(kItemsAt + sizeof(SemaphoreCore) - 1) == 1,
+              "the items count, maximum and spin setting are in the second line");
+static_assert(lineOf(kChainAt) == 1 && lineOf(kChainAt + sizeof(QueueLock::Chain) - 1) == 1,
+              "the chain is in the second line");
+static_assert(lineOf(kMutexAt) == 1 && lineOf(kMutexAt + kMutexHotBytes - 1) == 1 &&
+                  lineOf(kMutexAt + kMutexHotBytes) == 2,
+              "the mutex's changing words are in the second line, the rest after it");
+
+}  // namespace
+
+}  // namespace systemts::detail
+
+using systemts::detail::QueueLock;
+
+NUVSysTSDataQueue::NUVSysTSDataQueue() : _refCount(1), _inPlace() {
+  static_assert(sizeof(QueueLock) <= sizeof(_inPlace), "the lock fits in _inPlace");
+  new (_inPlace) QueueLock;
 }
 
-NUVSysTSDataQueue::Chain& NUVSysTSDataQueue::chain() {
-  return *std::launder(reinterpret_cast<Chain*>(_inPlace + kChainAt));
-}
-
-// The queue calls its platform mutex directly, without the two indirections
-// of KELMutex's own calls.
-KELMutexUnix* NUVSysTSDataQueue::platformMutex() const {
-  return std::launder(reinterpret_cast<KELMutexUnix*>(const_cast<unsigned char*>(_inPlace) + kMutexAt));
-}
+QueueLock& NUVSysTSDataQueue::sync() { return *std::launder(reinterpret_cast<QueueLock*>(_inPlace)); }
 
 NUVSysTSDataQueue::~NUVSysTSDataQueue() {
-  if (_items != nullptr) plain(_items)->~NUVSysSemaphoreImpl();
   delete _space;
-  // Taken back from the KELMutex, which would otherwise delete it.
-  _mutex._impl.store(nullptr, std::memory_order_relaxed);
-  platformMutex()->~KELMutexUnix();
   // The values belong to the caller: only the nodes are ours. Once the
   // chain's nodes are back, the slab new nodes came from is the only one
   // that is neither spare nor freed.
-  for (Node* node = chain().head; node != nullptr;) {
+  for (Node* node = sync().chain.head; node != nullptr;) {
     Node* const next = node->next;
     recycle(node);
     node = next;
   }
+  sync().~QueueLock();
   if (_slab != nullptr) Slab::destroy(_slab);
   while (_spareSlabs != nullptr) {
     Slab* const next = _spareSlabs->next;
@@ -148,13 +192,8 @@ bool NUVSysTSDataQueue::Initialize(bool blocking, int capacity) {
   // Unbounded: without blocking nothing ever waits; with it, takers wait for
   // values. Bounded: givers also wait for room.
   if (blocking) {
-    auto* items = new (_inPlace + kItemsAt)
-        NUVSysSemaphoreImpl(capacity == 0 ? kLargestCount : capacity, 0, kItemsSpinTries);
-    if (!items->initialised()) {
-      items->~NUVSysSemaphoreImpl();
-      return false;
-    }
-    _items = items;
+    if (!sync().items.init(capacity == 0 ? kLargestCount : capacity, 0, kItemsSpinTries)) return false;
+    _blocking = true;
   }
   if (capacity == 0) return true;
   _capacity = capacity;
@@ -162,20 +201,9 @@ bool NUVSysTSDataQueue::Initialize(bool blocking, int capacity) {
   return _space != nullptr;
 }
 
-void NUVSysTSDataQueue::lock() {
-  // A free mutex is taken with one compare-and-swap. Otherwise the thread
-  // blocks at once, without spinning: the mutex is held for a few pointer
-  // moves, but while a giver and a taker both spin for it, its cache line
-  // and the chain's move between their cores on every value, and such a
-  // transfer costs hundreds of nanoseconds on some machines. A thread that
-  // blocks lets the other run alone for a stretch of values with its lines
-  // at hand, which with one giver and one taker measured faster than every
-  // spin we tried.
-  if (platformMutex()->TryLock() == 0) return;
-  _mutex.Lock();
-}
+void NUVSysTSDataQueue::lock() { sync().lock(); }
 
-void NUVSysTSDataQueue::unlock() { platformMutex()->Unlock(); }
+void NUVSysTSDataQueue::unlock() { sync().unlock(); }
 
 NUVSysTSDataQueue::Node* NUVSysTSDataQueue::newNode() {
   if (_slab == nullptr || _slabNext == Slab::kNodes) {
@@ -211,11 +239,11 @@ int NUVSysTSDataQueue::PushFirst(void* value, int timeoutMs) {
   if (value == nullptr) return -1;
   if (_space != nullptr) {
     // A non-blocking bounded queue never waits for room.
-    const int rc = plain(_space)->TimedWait(_items != nullptr ? timeoutMs : 0);
+    const int rc = plain(_space)->TimedWait(_blocking ? timeoutMs : 0);
     if (rc < 0) return -1;
     if (rc == 1) return 0;
   }
-  Chain& c = chain();
+  Chain& c = sync().chain;
   lock();
   if (_capacity > 0 && c.count >= static_cast<uint32_t>(_capacity)) {
     // Room was granted but the queue is full: keeps the bound (see PopLast).
@@ -238,19 +266,19 @@ int NUVSysTSDataQueue::PushFirst(void* value, int timeoutMs) {
   c.tail = node;
   ++c.count;
   unlock();
-  if (_items != nullptr) plain(_items)->Signal();
+  if (_blocking) sync().items.signal();
   return 1;
 }
 
 int NUVSysTSDataQueue::PopLast(void** out, int timeoutMs) {
   if (out == nullptr) return -1;
   *out = nullptr;
-  if (_items != nullptr) {
-    const int rc = plain(_items)->TimedWait(timeoutMs);
+  if (_blocking) {
+    const int rc = sync().items.timedWait(timeoutMs);
     if (rc < 0) return -1;
     if (rc == 1) return 0;
   }
-  Chain& c = chain();
+  Chain& c = sync().chain;
   lock();
   Node* node = c.head;
   if (node == nullptr) {

@@ -8,11 +8,13 @@
 #include <cstring>
 #include <new>
 
+#include "Diagnostics.h"
 #include "NUVSysCodePage.h"
 #include "NUVSysIConvTSWrap.h"
 #include "NUVSysNLSEnv.h"
 #include "NUVSysUCAlgorithm.h"
 #include "StringRep.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 using Rep = KELInterUnicodeString;
@@ -103,10 +105,7 @@ using namespace systemts::detail;
 
 Rep* Rep::_KELSysEmptyStringPtr = &g_emptyBlock.head;
 
-int Rep::S_devStage = [] {
-  const char* v = std::getenv("KELDevelopmentStage");
-  return v != nullptr && std::strcmp(v, "FALSE") == 0 ? 0 : 1;
-}();
+int Rep::S_devStage = DevelopmentStageSetting();
 
 // ------------------------------------------------------------- creation --
 
@@ -163,6 +162,21 @@ int Rep::Release() {
 
 // --------------------------------------------------------- second view --
 
+namespace {
+
+// The publish step of both second-view builders. The view's length (in its
+// own units) goes in before the view: a reader that sees the view sees its
+// length, and a losing builder stores the same value. A builder that lost the
+// race frees its copy.
+void publishView(std::atomic<void*>& view, std::atomic<int32_t>& length, void* built, int n) {
+  length.store(n, std::memory_order_relaxed);
+  void* expected = nullptr;
+  if (!view.compare_exchange_strong(expected, built, std::memory_order_acq_rel, std::memory_order_acquire))
+    poolRelease(built, static_cast<size_t>(n));
+}
+
+}  // namespace
+
 void Rep::_UpdateUnicodeView() {
   if (IsUCS() || IsEmptyString() || _secondView.load(std::memory_order_acquire) != nullptr) return;
   const int nb = _lengthInByte.load(std::memory_order_relaxed);
@@ -178,13 +192,7 @@ void Rep::_UpdateUnicodeView() {
   NUVSysCodePage::GetEnvConverter().ConvertMBCSToUTF16(static_cast<const char*>(GetText()), nb, buf, &n);
   n = std::clamp(n, 0, nb + 1);
   buf[n] = 0;
-  // The length goes in before the view is published: a reader that sees the
-  // view sees its length. A losing builder stores the same value.
-  _lengthInChar.store(n, std::memory_order_relaxed);
-  void* expected = nullptr;
-  if (!_secondView.compare_exchange_strong(expected, buf, std::memory_order_acq_rel,
-                                           std::memory_order_acquire))
-    poolRelease(buf, static_cast<size_t>(n));
+  publishView(_secondView, _lengthInChar, buf, n);
 }
 
 void Rep::_UpdateCharView() {
@@ -202,11 +210,7 @@ void Rep::_UpdateCharView() {
                                                         buf, &n);
   n = std::clamp(n, 0, static_cast<int>(size - 1));
   buf[n] = 0;
-  _lengthInByte.store(n, std::memory_order_relaxed);
-  void* expected = nullptr;
-  if (!_secondView.compare_exchange_strong(expected, buf, std::memory_order_acq_rel,
-                                           std::memory_order_acquire))
-    poolRelease(buf, static_cast<size_t>(n));
+  publishView(_secondView, _lengthInByte, buf, n);
 }
 
 void Rep::_DeleteSecondView() {
@@ -387,7 +391,7 @@ Rep* Rep::Append(Rep* other) {
 
 int NUVStringInit(int devStage) {
   Rep::S_devStage = devStage;
-  if (std::getenv("ReplayPurify") == nullptr) t_poolOn = true;
+  if (!ReplayPurifySetting()) t_poolOn = true;
   return 0;
 }
 
@@ -419,6 +423,5 @@ void NUVStringPoolDisable() {
 }
 
 void NUVDebugBreak(int code) {
-  std::fprintf(stderr, "NUVDebugBreak(%d)\n", code);
-  std::fflush(stderr);
+  Diagnose(stderr, kDiagnoseFlush, "NUVDebugBreak(%d)\n", code);
 }

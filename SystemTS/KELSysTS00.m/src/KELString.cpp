@@ -12,7 +12,9 @@
 #include <ostream>
 #include <string_view>
 
+#include "Diagnostics.h"
 #include "StringRep.h"
+#include "Settings.h"
 
 using namespace systemts::detail;
 using Rep = KELInterUnicodeString;
@@ -51,15 +53,14 @@ bool refuseText(const char* t, size_t n) {
   if (bad == n) return false;
   // Read once, the first time a non-printable byte is met (a function-local
   // static is initialised under the compiler's one-time guard).
-  static const bool suppressed = std::getenv("KELStringWarningSuppress") != nullptr;
+  static const bool suppressed = systemts::detail::StringWarningsSuppressedSetting();
   if (Rep::S_devStage != 0 && !suppressed) {
-    std::puts(kWarningStars);
-    std::printf("* [KELString][Warning] The code '%d' does not map to a printable US ASCII character. *\n",
-                static_cast<int>(bad + 1));
-    std::printf("* String: \"%.*s\".\n", static_cast<int>(std::min<size_t>(n, INT32_MAX)), t);
-    std::puts("* STACK TRACE:                                                                      *");
-    std::puts(kWarningStars);
-    std::fflush(stdout);
+    systemts::detail::Diagnose(
+        stdout, systemts::detail::kDiagnoseFlush,
+        "%s\n* [KELString][Warning] The code '%d' does not map to a printable US ASCII character. *\n"
+        "* String: \"%.*s\".\n%s\n%s\n",
+        kWarningStars, static_cast<int>(bad + 1), static_cast<int>(std::min<size_t>(n, INT32_MAX)), t,
+        "* STACK TRACE:                                                                      *", kWarningStars);
   }
   return true;
 }
@@ -84,12 +85,12 @@ Rep* toBytes(Rep* r) {
     return fresh;
   }
   if (Rep::S_devStage != 0) {
-    std::puts("***************************************************************");
-    std::puts("* [KELString] Risk of data corruption detected:               *");
-    std::puts("* Non-ASCII Unicode data is being converted to MBCS (char *). *");
-    std::puts("* STACK TRACE:                                                *");
-    std::puts("***************************************************************");
-    std::fflush(stdout);
+    systemts::detail::Diagnose(stdout, systemts::detail::kDiagnoseFlush, "%s",
+                               "***************************************************************\n"
+                               "* [KELString] Risk of data corruption detected:               *\n"
+                               "* Non-ASCII Unicode data is being converted to MBCS (char *). *\n"
+                               "* STACK TRACE:                                                *\n"
+                               "***************************************************************\n");
   }
   const int nb = r->GetLengthInByte();
   const char* view = r->ConvertToChar();

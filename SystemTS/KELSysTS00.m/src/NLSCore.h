@@ -1,10 +1,7 @@
 // NLSCore.h - helpers of the national-language core shared inside the
-// library.
+// library (the locale and converter database calls are in LocaleDatabase.h).
 #ifndef SYSTEMTS_NLSCORE_H
 #define SYSTEMTS_NLSCORE_H
-
-#include <iconv.h>
-#include <locale.h>
 
 #include <string>
 
@@ -16,18 +13,6 @@ std::string NormalizeCodePageName(const std::string& codeset);
 
 // Longest character of a code page in bytes; 4 for an unknown one.
 int MultiByteCharMaxSize(const char* codePage);
-
-// Locale objects and iconv descriptors are made and freed through these.
-// The C library guards its locale and converter databases with internal
-// locks that race detectors cannot see; doing these calls under one mutex
-// of ours makes the ordering visible, so a host checked with
-// ThreadSanitizer gets no false reports from the library. They are rare
-// and slow anyway (they may load files), never on a conversion path.
-locale_t NewLocale(int mask, const char* name, locale_t base);
-locale_t DupLocale(locale_t l);
-void FreeLocale(locale_t l);
-iconv_t IconvOpen(const char* to, const char* from);
-void IconvClose(iconv_t cd);
 
 }  // namespace systemts::detail
 

@@ -12,10 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 #include "KELResourceLock.h"
-#include "NUVSysNLSEnv.h"
-#include "NLSCore.h"
+#include "LocaleDatabase.h"
+#include "LocaleEnvironment.h"
+#include "NLSLog.h"
 #include "SysCalls.h"
 
 using systemts::detail::g_sys;
@@ -131,7 +133,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
   const locale_t current = g_sys.useLocale(kNoLocale);
   if (current == kNoLocale) {
     err = errno;
-    LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale((locale_t)0) returned %s\n", errorName(err));
+    systemts::detail::LogNLS(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale((locale_t)0) returned %s\n", errorName(err));
   } else {
     locale_t fresh = kNoLocale;
     if (category >= 0 && category <= 5) {
@@ -142,14 +144,14 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
       if (fresh == kNoLocale) {
         err = errno;
         if (base != kNoLocale) systemts::detail::FreeLocale(base);
-        LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] _get_changed_locale(locObj, %u, \"%s\") returned %s\n",
+        systemts::detail::LogNLS(stderr, "[NUVSysCLocale::ThreadLC][ERROR] _get_changed_locale(locObj, %u, \"%s\") returned %s\n",
                    mask, localeName, errorName(err));
       }
     } else {
       fresh = systemts::detail::NewLocale(LC_ALL_MASK, localeName, kNoLocale);
       if (fresh == kNoLocale) {
         err = errno;
-        LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] newlocale(LC_ALL_MASK, \"%s\", (locale_t)0) returned %s\n",
+        systemts::detail::LogNLS(stderr, "[NUVSysCLocale::ThreadLC][ERROR] newlocale(LC_ALL_MASK, \"%s\", (locale_t)0) returned %s\n",
                    localeName, errorName(err));
       }
     }
@@ -163,7 +165,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
         return;
       }
       err = errno;
-      LogNLSCore(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale(newLoc) returned %s\n", errorName(err));
+      systemts::detail::LogNLS(stderr, "[NUVSysCLocale::ThreadLC][ERROR] uselocale(newLoc) returned %s\n", errorName(err));
       if (before != kNoLocale) g_sys.useLocale(current);
       systemts::detail::FreeLocale(fresh);
     }
@@ -172,7 +174,7 @@ NUVSysCLocale::ThreadLC::ThreadLC(int category, const char* localeName, int* res
   // Fallback: switch the process locale under the global write lock.
   char text[128] = "";
   const char* reason = err != 0 ? strerror_r(err, text, sizeof text) : "";
-  LogNLSCore(stdout, "[NUVSysCLocale::ThreadLC][WARNING] Failed to set a per-thread C locale with error %s: %s\n",
+  systemts::detail::LogNLS(stdout, "[NUVSysCLocale::ThreadLC][WARNING] Failed to set a per-thread C locale with error %s: %s\n",
              errorName(err), reason);
   globalLock().WriteLock();
   _flags |= kLockHeld;
@@ -259,7 +261,7 @@ int NUVSysCLocale::GetLCConv(LConv& lc) {
     lc._record = &lc._raw;
     return 0;
   }
-  LogNLSCore(stdout,
+  systemts::detail::LogNLS(stdout,
              "[NUVSysCLocale::ThreadLC][WARNING] MT-unsafe environment! GetLCConv is taking a global lock - "
              "Locale per-thread: %s | MT-safe localeconv: %s\n",
              "false", "false");
@@ -327,7 +329,7 @@ const wchar_t* NUVSysCLocale::LConv::_StoreAsWideChar(char c) {
 void NUVSysCLocale::LConv::_ReInitDecimalPoint(const struct lconv* record) {
   const wchar_t* point = record != nullptr ? _StoreAsWideChar(record->decimal_point) : nullptr;
   if (point == nullptr) {
-    LogNLSCore(stderr, "[LConv::_ReInitDecimalPoint][WARNING] Failed to retrieve the decimal point from localeconv!\n");
+    systemts::detail::LogNLS(stderr, "[LConv::_ReInitDecimalPoint][WARNING] Failed to retrieve the decimal point from localeconv!\n");
     if (kPoolSize - _poolUsed >= 2) {
       wchar_t formatted[32] = L"";
       std::swprintf(formatted, 32, L"%3.1f", 0.0);
@@ -378,3 +380,19 @@ wchar_t NUVSysCLocale::LConv::int_p_sep_by_space() { return character(10); }
 wchar_t NUVSysCLocale::LConv::int_n_sep_by_space() { return character(11); }
 wchar_t NUVSysCLocale::LConv::int_p_sign_posn() { return character(12); }
 wchar_t NUVSysCLocale::LConv::int_n_sign_posn() { return character(13); }
+
+int NUVSysCLocale::GetLocaleStringFromLangString(const char* entry, char* buffer, int size) {
+  if (buffer == nullptr || size < 1) return -1;
+  buffer[0] = '\0';
+  if (entry == nullptr || *entry == '\0') return -1;
+  const std::string codePage = systemts::detail::EnvironmentCodePage();
+  const bool plain = std::strcmp(entry, "C") == 0 || std::strcmp(entry, "POSIX") == 0 ||
+                     std::strchr(entry, '.') != nullptr;
+  const int n = plain ? std::snprintf(buffer, static_cast<size_t>(size), "%s", entry)
+                      : std::snprintf(buffer, static_cast<size_t>(size), "%s.%s", entry, codePage.c_str());
+  if (n < 0 || n >= size) {
+    buffer[0] = '\0';
+    return -1;
+  }
+  return 0;
+}

@@ -14,8 +14,9 @@
 #include <new>
 #include <string>
 
+#include "Diagnostics.h"
 #include "KELMutex.h"
-#include "NLSCore.h"
+#include "LocaleDatabase.h"
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "SingleByteTables.h"
@@ -26,15 +27,7 @@ using namespace systemts::detail;
 
 namespace {
 
-const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
 constexpr size_t kLocaleBuffer = 85;
-
-char* copyName(const char* s) {
-  const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(g_sys.malloc(n));
-  if (c != nullptr) std::memcpy(c, s, n);
-  return c;
-}
 
 // Bytes of the NUL-terminated text at p that a one-character decode may read:
 // at most `max`, and never past the terminating NUL (which is included).
@@ -72,7 +65,7 @@ void NUVSysCodePage::setName(const char* name) {
   // A name that cannot be copied leaves none rather than the previous one,
   // which would no longer say what the converter does.
   std::free(_codePage);
-  _codePage = copyName(name);
+  _codePage = CopyName(name);
 }
 
 void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
@@ -118,8 +111,8 @@ int NUVSysCodePage::_InitConvDesc(const char* codePage) {
     rc = E_FAIL;
   }
   if (rc != S_OK) {
-    std::fprintf(stderr, "ERROR: SUPPLANG_K2 does not contain a valid code set for code page: %s.\n", codePage);
-    std::fflush(stderr);
+    Diagnose(stderr, kDiagnoseFlush,
+             "ERROR: SUPPLANG_K2 does not contain a valid code set for code page: %s.\n", codePage);
   }
   return rc;
 }
@@ -257,18 +250,15 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
     }
     if (e == E2BIG) {
       if (dstCap == 0) {
-        std::fprintf(stderr, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
-                     static_cast<unsigned long long>(inLeft));
-        std::fflush(stderr);
+        Diagnose(stderr, kDiagnoseFlush, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
+                 static_cast<unsigned long long>(inLeft));
       }
       break;
     }
     if (e == EINVAL) {
-      std::fprintf(stderr, "iconv EINVAL error: input buffer was truncated.\n");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "iconv EINVAL error: input buffer was truncated.\n");
     } else if (e != EILSEQ) {
-      std::fprintf(stderr, "iconv errno is: %d\n", e);
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "iconv errno is: %d\n", e);
     }
     // Skip the character iconv refused and write the replacement unit.
     if (maxChar == 0) maxChar = static_cast<size_t>(NUVGetMultiByteCharMaxSize());
@@ -404,8 +394,8 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     }
     if (got == 0) return -1;
     if (got != 1) {
-      std::fprintf(stderr, "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush,
+               "ERROR: NUVSysCodePage::CanConvertMBCSToUTF16 - an overflow has occurred!");
       return -1;
     }
     // The unit must give back exactly the bytes it came from. A bounded call
@@ -498,4 +488,37 @@ int NUVSysCodePage::GetNextMultiByteCharAsUTF8(const char*& p, char* out) const 
   if (GetNextMultiByteCharAsUTF32(p, cp) == 0) return 0;
   auto* o = reinterpret_cast<uint8_t*>(out);
   return static_cast<int>(appendUtf8(cp, o) - o);
+}
+
+// ---- the V3 hash of code-page text ----
+// It lives beside the converter it goes through, so that the UTF layer below
+// never reaches up for the environment converter.
+
+unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
+                                               unsigned int seed,
+                                               const NUVSysCodePage* codePage) {
+  if (!text) return seed;
+  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
+  const UtfKernels& k = utfKernels();
+  uint32_t h = seed;
+  // 256 units a round, and one more for the terminator some methods write.
+  unsigned short buf[257];
+  const char* p = text;
+  size_t left = n;
+  while (p && left > 0) {
+    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
+    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
+    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), got, h);
+  }
+  return h;
+}
+
+unsigned int NUVSysUCAlgorithm::HashV3FromMBCSOptimistic(const char* text, unsigned long n,
+                                                         unsigned int seed,
+                                                         const NUVSysCodePage* codePage) {
+  if (!text) return seed;
+  const UtfKernels& k = utfKernels();
+  const size_t ascii = k.asciiPrefix(reinterpret_cast<const uint8_t*>(text), n);
+  const uint32_t h = k.hashBytes(reinterpret_cast<const uint8_t*>(text), ascii, seed);
+  return ascii == n ? h : HashV3FromMBCS(text + ascii, n - ascii, h, codePage);
 }

@@ -10,14 +10,18 @@
 #include <mutex>
 #include <new>
 
+#include "Diagnostics.h"
 #include "KELMutex.h"
 #include "NUVSysTSDataQueue.h"
-#include "NLSCore.h"
+#include "LocaleDatabase.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
-namespace {
+using systemts::detail::Diagnose;
+using systemts::detail::kDiagnoseFlush;
+using systemts::detail::kNoDescriptor;
 
-const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+namespace {
 
 // One registered pair; the registry is a list, newest first.
 struct Pair {
@@ -74,15 +78,8 @@ struct ThreadDescriptors {
 thread_local ThreadDescriptors t_descriptors;
 
 bool verbose() {
-  static const bool set = std::getenv("ADL_ODT_IN") != nullptr;
+  static const bool set = systemts::detail::IconvVerboseSetting();
   return set;
-}
-
-char* copyName(const char* s) {
-  const size_t n = std::strlen(s) + 1;
-  char* c = static_cast<char*>(systemts::detail::g_sys.malloc(n));
-  if (c != nullptr) std::memcpy(c, s, n);
-  return c;
 }
 
 bool knownPair(IConvDesc_t pairId) {
@@ -106,8 +103,8 @@ bool openNode(Node& node) {
     KELMutexGuard guard(*g_mutex);
     for (const Pair* p = g_pairs; p != nullptr; p = p->next) {
       if (p->id == node.pairId) {
-        from = copyName(p->from);
-        to = copyName(p->to);
+        from = systemts::detail::CopyName(p->from);
+        to = systemts::detail::CopyName(p->to);
         break;
       }
     }
@@ -129,8 +126,8 @@ bool openNode(Node& node) {
     node.forward = node.reverse = kNoDescriptor;
     node.retry = err != EINVAL;
     if (verbose()) {
-      std::fprintf(stderr, "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] failed to initialize converters for conversion %s <-> %s\n", from, to);
     }
   } else {
     node.invalid = false;
@@ -164,8 +161,8 @@ int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_
     }
   }
   auto* p = static_cast<Pair*>(systemts::detail::g_sys.malloc(sizeof(Pair)));
-  char* from = copyName(fromCode);
-  char* to = copyName(toCode);
+  char* from = systemts::detail::CopyName(fromCode);
+  char* to = systemts::detail::CopyName(toCode);
   if (p == nullptr || from == nullptr || to == nullptr) {
     std::free(p);
     std::free(from);
@@ -182,10 +179,9 @@ int NUVSysIConvTSWrap::Open(const char* toCode, const char* fromCode, IConvDesc_
 iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
   if (g_ending.load(std::memory_order_acquire)) {
     if (g_warnOnce.exchange(false) && verbose()) {
-      std::fprintf(stdout,
-                   "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has been dropped in a earlier "
-                   "stage\n.");
-      std::fflush(stdout);
+      Diagnose(stdout, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] INFO: session is ending. Support for MBCS has been dropped in a earlier "
+               "stage\n.");
     }
     return kNoDescriptor;
   }
@@ -207,8 +203,7 @@ iconv_t NUVSysIConvTSWrap::GetIConvDesc(IConvDesc_t desc) {
   // First use of this pair on this thread.
   if (!knownPair(pairId)) {
     if (verbose()) {
-      std::fprintf(stderr, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
-      std::fflush(stderr);
+      Diagnose(stderr, kDiagnoseFlush, "[NUVSysIConvTSWrap] The input IConvDesc_t handle is invalid.\n");
     }
     return kNoDescriptor;
   }
@@ -229,8 +224,8 @@ void NUVSysIConvTSWrap::sDeinitIConvTS(int) {
   g_ending.store(true, std::memory_order_release);
   if (g_nodes != nullptr) {
     if (verbose()) {
-      std::fprintf(stdout, "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
-      std::fflush(stdout);
+      Diagnose(stdout, kDiagnoseFlush,
+               "[NUVSysIConvTSWrap] WARNING: from this point, conversions are no longer supported.\n");
     }
     std::lock_guard<std::mutex> lock(g_closeMutex);
     void* value = nullptr;

@@ -3,7 +3,6 @@
 // name of the environment, and the log writer.
 #include <langinfo.h>
 #include <locale.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cctype>
@@ -16,39 +15,14 @@
 
 #include "NUVSysCLocale.h"
 #include "NUVSysNLSEnv.h"
+#include "LocaleDatabase.h"
+#include "LocaleEnvironment.h"
 #include "NLSCore.h"
+#include "NLSLog.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 namespace systemts::detail {
-
-namespace {
-std::mutex g_databaseMutex;
-}  // namespace
-
-locale_t NewLocale(int mask, const char* name, locale_t base) {
-  std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return g_sys.newLocale(mask, name, base);
-}
-
-locale_t DupLocale(locale_t l) {
-  std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return g_sys.dupLocale(l);
-}
-
-void FreeLocale(locale_t l) {
-  std::lock_guard<std::mutex> lock(g_databaseMutex);
-  g_sys.freeLocale(l);
-}
-
-iconv_t IconvOpen(const char* to, const char* from) {
-  std::lock_guard<std::mutex> lock(g_databaseMutex);
-  return g_sys.iconvOpen(to, from);
-}
-
-void IconvClose(iconv_t cd) {
-  std::lock_guard<std::mutex> lock(g_databaseMutex);
-  g_sys.iconvClose(cd);
-}
 
 namespace {
 
@@ -122,7 +96,7 @@ bool localeExists(const std::string& name) {
   return true;
 }
 
-void copyName(char (&dst)[64], const std::string& src) {
+void putName(char (&dst)[64], const std::string& src) {
   std::snprintf(dst, sizeof dst, "%s", src.c_str());
 }
 
@@ -137,8 +111,8 @@ void describe(State& s, const char* localeName) {
 void fill(State& s, const char* localeName) {
   const std::string name = localeName != nullptr ? localeName : "";
   if (name.empty() || name == "C" || name == "POSIX") {
-    copyName(s.env.codePage, "UTF-8");
-    copyName(s.env.localeEntry, "C");
+    putName(s.env.codePage, "UTF-8");
+    putName(s.env.localeEntry, "C");
     s.cLocale = localeExists("C.UTF-8") ? "C.UTF-8" : "C";
     return;
   }
@@ -156,8 +130,8 @@ void fill(State& s, const char* localeName) {
       FreeLocale(l);
     }
   }
-  copyName(s.env.codePage, codeset.empty() ? std::string("UTF-8") : NormalizeCodePageName(codeset));
-  copyName(s.env.localeEntry, entry.empty() ? std::string("C") : entry);
+  putName(s.env.codePage, codeset.empty() ? std::string("UTF-8") : NormalizeCodePageName(codeset));
+  putName(s.env.localeEntry, entry.empty() ? std::string("C") : entry);
   if (localeExists(name)) {
     s.cLocale = name;
   } else if (!entry.empty() && localeExists(entry + "." + s.env.codePage)) {
@@ -167,18 +141,10 @@ void fill(State& s, const char* localeName) {
   }
 }
 
-const char* environmentLocaleName() {
-  for (const char* var : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    const char* v = std::getenv(var);
-    if (v != nullptr && *v != '\0') return v;
-  }
-  return nullptr;
-}
-
 State& detected() {
   State& s = state();
   if (!s.detected) {
-    describe(s, environmentLocaleName());
+    describe(s, LocaleNameSetting());
     s.detected = true;
   }
   return s;
@@ -263,34 +229,15 @@ const char* NUVSysCLocaleEnvironGet() {
   return name;
 }
 
-int NUVSysCLocale::GetLocaleStringFromLangString(const char* entry, char* buffer, int size) {
-  if (buffer == nullptr || size < 1) return -1;
-  buffer[0] = '\0';
-  if (entry == nullptr || *entry == '\0') return -1;
+std::string systemts::detail::EnvironmentCodePage() {
   NUVSysNLSEnv env;
   GetEnvNLSData(env);
-  const bool plain = std::strcmp(entry, "C") == 0 || std::strcmp(entry, "POSIX") == 0 ||
-                     std::strchr(entry, '.') != nullptr;
-  const int n = plain ? std::snprintf(buffer, static_cast<size_t>(size), "%s", entry)
-                      : std::snprintf(buffer, static_cast<size_t>(size), "%s.%s", entry, env.codePage);
-  if (n < 0 || n >= size) {
-    buffer[0] = '\0';
-    return -1;
-  }
-  return 0;
+  return env.codePage;
 }
 
 void LogNLSCore(FILE* stream, const char* format, ...) {
-  static const bool enabled = [] {
-    const char* v = std::getenv("NUVSysNLSCoreTrace");
-    return v != nullptr && (std::strtol(v, nullptr, 10) & 0xFF) != 0;
-  }();
-  if (!enabled || stream == nullptr || format == nullptr) return;
-  std::fprintf(stream, "[PID:%u]", static_cast<unsigned>(getpid()));
   va_list args;
   va_start(args, format);
-  std::vfprintf(stream, format, args);
+  systemts::detail::VLogNLS(stream, format, args);
   va_end(args);
-  std::fputc('\n', stream);
-  std::fflush(stream);
 }

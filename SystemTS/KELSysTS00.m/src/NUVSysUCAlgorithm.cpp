@@ -8,7 +8,6 @@
 
 #include <utf8/core.h>
 
-#include "NUVSysCodePage.h"
 #include "UTFCore.h"
 
 using namespace systemts::detail;
@@ -37,6 +36,36 @@ bool wholeInputFits(const uint16_t* s, const uint16_t* e, unsigned capacity) {
     need += cp < 0x80u ? 1 : cp < 0x800u ? 2 : cp < 0x10000u ? 3 : 4;
   }
   return need <= capacity;
+}
+
+// The bounded part of a conversion, shared by both directions: characters go
+// straight to the output while at most `limit` units are written (tested
+// before each one; `o0` is the start of the output): first through `kernel`
+// with `room` units of room, then one by one through `step`, which decodes one
+// character at `s` and writes it at the output it is given, returning the
+// end. Then the next character goes in only if all of it fits in `capacity`.
+// Leaves `s` after the last character written; returns the end of the output.
+template <typename In, typename Out, typename Kernel, typename Step>
+Out* boundedRun(const In*& s, const In* e, Out* o0, Out* o, unsigned limit, unsigned capacity, size_t room,
+                Kernel kernel, Step step) {
+  if (s < e && static_cast<unsigned>(o - o0) <= limit) {
+    const auto fast = kernel(s, e, o, room);
+    s = fast.in;
+    o = fast.out;
+  }
+  while (s < e && static_cast<unsigned>(o - o0) <= limit) o = step(s, o);
+  if (s < e) {
+    const In* const start = s;
+    Out scratch[4];
+    const unsigned n = static_cast<unsigned>(step(s, scratch) - scratch);
+    const int left = static_cast<int>(capacity - static_cast<unsigned>(o - o0));
+    if (static_cast<int>(n) > left) {
+      s = start;
+    } else {
+      for (unsigned i = 0; i < n; ++i) *o++ = scratch[i];
+    }
+  }
+  return o;
 }
 
 }  // namespace
@@ -123,23 +152,9 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF8ToUTF16(const char*& src, int& srcLen
     uint16_t* const o0 = units(out);
     uint16_t* o = appendUtf16(decodeUtf8(s, e), o0);
     const unsigned limit = capacity - 2u;
-    if (s < e && static_cast<unsigned>(o - o0) <= limit) {
-      const size_t room = capacity >= 2 ? capacity - 1u - static_cast<unsigned>(o - o0) : SIZE_MAX;
-      const auto fast = utfKernels().utf8To16(s, e, o, room);
-      s = fast.in;
-      o = fast.out;
-    }
-    while (s < e && static_cast<unsigned>(o - o0) <= limit) o = appendUtf16(decodeUtf8(s, e), o);
-    if (s < e) {
-      // Past the limit: the next character goes in only if all of it fits.
-      const uint8_t* const start = s;
-      const uint32_t cp = decodeUtf8(s, e);
-      const int left = static_cast<int>(capacity - static_cast<unsigned>(o - o0));
-      if (static_cast<int>(utf16Length(cp)) > left)
-        s = start;
-      else
-        o = appendUtf16(cp, o);
-    }
+    const size_t room = capacity >= 2 ? capacity - 1u - static_cast<unsigned>(o - o0) : SIZE_MAX;
+    o = boundedRun(s, e, o0, o, limit, capacity, room, utfKernels().utf8To16,
+                   [e](const uint8_t*& p, uint16_t* to) { return appendUtf16(decodeUtf8(p, e), to); });
     written = static_cast<unsigned>(o - o0);
   }
   srcLen = static_cast<int>(e - s);
@@ -177,24 +192,9 @@ unsigned int NUVSysUCAlgorithm::ConvertUTF16ToUTF8(const unsigned short*& src, i
     // a call whose whole output fits keeps that result; any other writes
     // nothing and consumes nothing.
     if (capacity < 4 && !wholeInputFits(s, e, capacity)) e = s;
-    if (s < e) {
-      const size_t room = capacity >= 4 ? capacity - 3u : SIZE_MAX;
-      const auto fast = utfKernels().utf16To8(s, e, o, room);
-      s = fast.in;
-      o = fast.out;
-    }
-    while (s < e && static_cast<unsigned>(o - o0) <= limit) o = appendUtf8(decodeUtf16(s, e), o);
-    if (s < e) {
-      const uint16_t* const start = s;
-      uint8_t scratch[4];
-      const unsigned n = static_cast<unsigned>(appendUtf8(decodeUtf16(s, e), scratch) - scratch);
-      const int left = static_cast<int>(capacity - static_cast<unsigned>(o - o0));
-      if (static_cast<int>(n) > left) {
-        s = start;
-      } else {
-        for (unsigned i = 0; i < n; ++i) *o++ = scratch[i];
-      }
-    }
+    const size_t room = capacity >= 4 ? capacity - 3u : SIZE_MAX;
+    o = boundedRun(s, e, o0, o, limit, capacity, room, utfKernels().utf16To8,
+                   [e](const uint16_t*& p, uint8_t* to) { return appendUtf8(decodeUtf16(p, e), to); });
     written = static_cast<unsigned>(o - o0);
   }
   srcLen -= static_cast<int>(s - units(src));
@@ -298,35 +298,6 @@ unsigned int NUVSysUCAlgorithm::HashV3FromUTF8(const char* text, unsigned long n
     s = p;
   }
   return h;
-}
-
-unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
-                                               unsigned int seed,
-                                               const NUVSysCodePage* codePage) {
-  if (!text) return seed;
-  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
-  const UtfKernels& k = utfKernels();
-  uint32_t h = seed;
-  // 256 units a round, and one more for the terminator some methods write.
-  unsigned short buf[257];
-  const char* p = text;
-  size_t left = n;
-  while (p && left > 0) {
-    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
-    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
-    h = k.hashUnits(units(buf), got, h);
-  }
-  return h;
-}
-
-unsigned int NUVSysUCAlgorithm::HashV3FromMBCSOptimistic(const char* text, unsigned long n,
-                                                         unsigned int seed,
-                                                         const NUVSysCodePage* codePage) {
-  if (!text) return seed;
-  const UtfKernels& k = utfKernels();
-  const size_t ascii = k.asciiPrefix(bytes(text), n);
-  const uint32_t h = k.hashBytes(bytes(text), ascii, seed);
-  return ascii == n ? h : HashV3FromMBCS(text + ascii, n - ascii, h, codePage);
 }
 
 namespace {

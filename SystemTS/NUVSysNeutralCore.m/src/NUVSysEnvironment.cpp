@@ -14,6 +14,7 @@
 #include "NUVSysEnvironmentManager.h"
 #include "NUVSysTSArgs.h"
 #include "NUVSysUCAlgorithm.h"
+#include "Settings.h"
 #include "SysCalls.h"
 
 namespace systemts::detail {
@@ -46,7 +47,7 @@ std::string computeInstallPath() {
   const std::string program = argv[0];
   std::string path;
   if (program.find('/') == std::string::npos) {
-    const char* env = std::getenv("PATH");
+    const char* env = SearchPathSetting();
     const std::string list = env != nullptr ? std::string(env).substr(0, kPathRoom - 1) : std::string();
     for (size_t b = 0; b < list.size();) {
       size_t e = list.find(':', b);
@@ -86,7 +87,7 @@ using namespace systemts::detail;
 
 int _NUVGetEnvironmentVariableFromOS(const char* name, KELUnicodeString& out) {
   if (name == nullptr) return 0;
-  const char* value = std::getenv(name);
+  const char* value = EnvironmentValue(name);
   if (value == nullptr) return 0;
   out = value;
   return 1;
@@ -94,7 +95,7 @@ int _NUVGetEnvironmentVariableFromOS(const char* name, KELUnicodeString& out) {
 
 int NUVGetEnvInt(const char* name, KELUnicodeString* out) {
   if (name == nullptr) return 0;
-  if (const char* value = std::getenv(name)) {
+  if (const char* value = EnvironmentValue(name)) {
     if (out != nullptr) *out = value;
     return 1;
   }

@@ -1,5 +1,6 @@
 // The settings of trace names: value parsing, the environment, the layers.
 #include "TraceConfig.h"
+#include "Settings.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -31,10 +32,7 @@ bool parseDecimal(std::string_view text, std::uint64_t max, std::uint64_t& out) 
 }
 
 // The setting's environment variable, or null when unset or empty.
-const char* env(const char* name) {
-  const char* v = std::getenv(name);
-  return v != nullptr && *v != '\0' ? v : nullptr;
-}
+const char* env(const char* name) { return systemts::detail::TraceSetting(name); }
 
 // "DEFAULT,NAME=VALUE,..." into the default layer and the per-name layers.
 // Items that do not parse are skipped: the environment has no line number to

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 
+#include "Diagnostics.h"
 #include "NUVSysEnvironCommandLine.h"
 #include "SysCalls.h"
 
@@ -172,8 +173,8 @@ int applyTraceOptionText(std::string_view text, const std::string& source, const
       const std::string key = source + ":" + std::to_string(number) + ":" + line;
       std::lock_guard<std::mutex> lock(reportedLock);
       if (reported.insert(key).second) {
-        std::fprintf(stderr, "KELTrace: %s:%zu: %s; line ignored\n", source.c_str(), number, reason.c_str());
-        std::fflush(stderr);
+        Diagnose(stderr, kDiagnoseFlush,
+                 "KELTrace: %s:%zu: %s; line ignored\n", source.c_str(), number, reason.c_str());
       }
     }
   }

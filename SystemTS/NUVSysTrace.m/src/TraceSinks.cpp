@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Diagnostics.h"
 #include "SysCalls.h"
 #include "TraceLine.h"
 
@@ -18,9 +19,9 @@ namespace {
 void reportFailure(const char* what, const std::string& target, int error) {
   char text[256];
   const char* reason = strerror_r(error, text, sizeof text);
-  std::fprintf(stderr, "KELTrace: cannot %s %s (%s); trace lines are dropped until writing works again\n",
-               what, target.c_str(), reason);
-  std::fflush(stderr);
+  Diagnose(stderr, kDiagnoseFlush,
+           "KELTrace: cannot %s %s (%s); trace lines are dropped until writing works again\n", what,
+           target.c_str(), reason);
 }
 
 }  // namespace
