@@ -208,6 +208,7 @@ TEST(NUVSysPath, Splitting) {
       {"a/b", 0, "a", "b"},            {"http://h", 1, "untouched", "http://h"},
       {"http://h/x", 0, "http://h", "x"}, {"/", 1, "untouched", "/"},
       {"http://h/", 1, "untouched", "http://h"},  // built without its final "/"
+      {"http:///x", E_FAIL, "untouched", ""},     // the parent "http://" is refused
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.path);
@@ -216,6 +217,19 @@ TEST(NUVSysPath, Splitting) {
     EXPECT_EQ(c.rc, p.split(parent, name));
     EXPECT_STREQ(c.parent, parent.GetUTF8());
     EXPECT_EQ(c.name, utf8(name));
+    // A parent that holds nothing yet gets the same answers, and stays
+    // empty when there is no parent to give.
+    NUVSysPath fresh;
+    KELUnicodeString again;
+    EXPECT_EQ(c.rc, p.split(fresh, again));
+    EXPECT_EQ(c.name, utf8(again));
+    if (c.rc == 0) {
+      EXPECT_STREQ(c.parent, fresh.GetUTF8());
+      EXPECT_EQ(NUVSysPath(c.parent).GetTypeMask(), fresh.GetTypeMask());
+    } else {
+      EXPECT_FALSE(fresh.IsValid());
+      EXPECT_STREQ("", fresh.GetUTF8());
+    }
   }
   NUVSysPath parent;
   KELUnicodeString base, ext;
@@ -241,6 +255,9 @@ TEST(NUVSysPath, StatusCacheIsRefreshedOnlyWhenAsked) {
   EXPECT_TRUE(file.IsFile(1));
   EXPECT_TRUE(file.IsFile(0));
   EXPECT_FALSE(file.IsDirectory(0));
+  EXPECT_EQ(1, stats.calls());
+  NUVSysPath copy(file);  // a copy carries the record and answers from it
+  EXPECT_TRUE(copy.IsFile(0));
   EXPECT_EQ(1, stats.calls());
   ASSERT_EQ(0, ::unlink(file.GetUTF8()));
   EXPECT_TRUE(file.IsFile(0)) << "intended: the cached record answers";
@@ -330,6 +347,14 @@ TEST(NUVSysPath, WebAddressesAndLogicalNames) {
   ASSERT_TRUE(logical.IsValid());
   EXPECT_EQ(0, logical.MakeDir());
   EXPECT_TRUE(NUVSysPath((dir.path + "/sub").c_str()).IsDirectory(1));
+  const NUVSysPath copied(logical);  // the resolved name comes along
+  ASSERT_NE(nullptr, copied.GetImpl()->fsPath());
+  EXPECT_STREQ(logical.GetImpl()->fsPath(), copied.GetImpl()->fsPath());
+  EXPECT_NE(logical.GetImpl()->fsPath(), copied.GetImpl()->fsPath()) << "a copy owns its own text";
+  EXPECT_EQ(logical.GetTypeMask(), copied.GetTypeMask());
+  const NUVSysPath refused("http://");  // a failed path's copy keeps its flags
+  EXPECT_EQ(refused.GetTypeMask(), NUVSysPath(refused).GetTypeMask());
+  EXPECT_FALSE(NUVSysPath(refused).IsValid());
   setEnv("NUVSysPathTestRoot", nullptr);
   NUVSysPath unset(std::string("\x01\x02\\NUVSysPathTestRoot/sub").c_str());
   EXPECT_TRUE(unset.IsValid());

@@ -53,6 +53,14 @@ std::string utf8Of(const unsigned short* utf16) {
       .ConvertToUTF8();
 }
 
+// A new, empty implementation. Copied from a blank one because that copies
+// the record with plain moves, where default construction zero-fills it with
+// a string instruction that costs more than the rest of a split.
+NUVSysPathImpl* newImpl() {
+  static const NUVSysPathImpl& blank = *new NUVSysPathImpl();  // never destroyed: usable at exit
+  return new NUVSysPathImpl(blank);
+}
+
 bool sameBytes(const NUVSysPathImpl* impl, const char* utf8, size_t n) {
   const size_t len = impl && impl->data().path ? impl->data().length : 0;
   return len == n && (n == 0 || std::memcmp(impl->data().path, utf8, n) == 0);
@@ -92,7 +100,7 @@ NUVSysPath& NUVSysPath::operator=(NUVSysPath&& other) noexcept {
 NUVSysPath::~NUVSysPath() { delete _impl; }
 
 NUVSysPathImpl* NUVSysPath::ensure() {
-  if (_impl == nullptr) _impl = new NUVSysPathImpl();
+  if (_impl == nullptr) _impl = newImpl();
   return _impl;
 }
 
@@ -164,9 +172,21 @@ int NUVSysPath::removeExtension(KELSysTSUnicodeString& extension) { return RemEx
 
 int NUVSysPath::split(NUVSysPath& parent, KELUnicodeString& name) const {
   if (_impl == nullptr) return E_FAIL;
+  if (parent._impl == nullptr) {
+    // The usual case (a fresh parent): built in place, adopted on success.
+    NUVSysPathImpl* fresh = newImpl();
+    const int rc = _impl->split(fresh, &name);
+    if (rc == 0) {
+      parent._impl = fresh;
+    } else {
+      delete fresh;
+    }
+    return rc;
+  }
+  // The parent keeps its text until the split has succeeded.
   NUVSysPathImpl fresh;
   const int rc = _impl->split(&fresh, &name);
-  if (rc == 0) std::swap(parent.ensure()->data(), fresh.data());  // fresh frees the old parent's text
+  if (rc == 0) std::swap(parent._impl->data(), fresh.data());  // fresh frees the old parent's text
   return rc;
 }
 int NUVSysPath::split(NUVSysPath& parent, KELSysTSUnicodeString& name) const {

@@ -118,7 +118,25 @@ size_t canonicalize(char* p, size_t n, uint32_t flags, uint16_t prefix) {
 
 using namespace systemts::detail;
 
-NUVSysPathImpl::NUVSysPathImpl(const NUVSysPathImpl& other) { *this = other; }
+// Copies member by member rather than through operator=: assigning would
+// first zero-fill the whole record (status included) only to overwrite it,
+// and a copy is most of what a join costs.
+NUVSysPathImpl::NUVSysPathImpl(const NUVSysPathImpl& other) : _data(other._data) {
+  _data.path = nullptr;
+  _data.translatedName = nullptr;
+  _data.capacity = 0;
+  if (other._data.path == nullptr || !reserve(other._data.length + 1u)) {
+    // As operator= leaves a path it could not copy: the flags only.
+    if (other._data.path != nullptr) _data.statCache = {};  // no memory: as a fresh record
+    _data.statValid = false;
+    _data.length = 0;
+    _data.prefixLength = 0;
+    if (_data.path != nullptr) _data.path[0] = '\0';
+    return;
+  }
+  std::memcpy(_data.path, other._data.path, other._data.length + 1u);
+  if (other._data.translatedName != nullptr) _data.translatedName = ::strdup(other._data.translatedName);
+}
 
 NUVSysPathImpl& NUVSysPathImpl::operator=(const NUVSysPathImpl& other) {
   if (this == &other) return *this;
