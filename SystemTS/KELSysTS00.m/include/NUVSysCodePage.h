@@ -15,9 +15,6 @@
 // (no variable gates them), each flushed at once:
 //   "ERROR: SUPPLANG_K2 does not contain a valid code set for code page:
 //    <name>.\n" (one line)       a name iconv cannot open (see above);
-//   "iconv E2BIG error: buffer overflow. InBytesLeft: <n>\n"
-//                                 MBCS to UTF-16 through iconv in a bounded
-//                                 call of capacity 0 that ran out of room;
 //   "iconv EINVAL error: input buffer was truncated.\n"
 //                                 MBCS to UTF-16 through iconv, the text ends
 //                                 inside a character (it becomes 0x3F00);
@@ -71,8 +68,13 @@
 //
 // Threads: a converter may be used from any number of threads at once;
 // conversions take no lock. The environment converter follows changes of
-// language (OnChangeNLSCore); such a change is not synchronised with
-// conversions running at that moment.
+// language (OnChangeNLSCore). A change (any _Reinitialize) publishes the new
+// setup at once and whole: a conversion running at that moment finishes with
+// the setup it started with, the next one uses the new setup. A name returned
+// by GetCodePageName stays readable as long as its converter lives (for the
+// environment converter, as long as the process). Memory: a converter keeps
+// each setup it has had until it is destroyed, one per distinct code page and
+// locale it was set to (setting it to one it had before reuses that one).
 #ifndef NUVSYSCODEPAGE_H
 #define NUVSYSCODEPAGE_H
 
@@ -83,6 +85,10 @@
 #include "NUVSysIConvTSWrap.h"
 #include "NUVSysNLSEnv.h"
 #include "SystemTSCommon.h"
+
+namespace systemts::detail {
+struct CodePageState;
+}
 
 class SYSTEMTS_API NUVSysCodePage {
  public:
@@ -153,6 +159,7 @@ class SYSTEMTS_API NUVSysCodePage {
   void _Reinitialize(const char* codePage, const char* localeEntry);
   // Registers both directions with NUVSysIConvTSWrap and checks that iconv
   // can open them. 1 for a UTF-8 converter, 0 on success, E_FAIL otherwise.
+  // It does not change the converter (only _Reinitialize does).
   int _InitConvDesc(const char* codePage);
   // The associated C locale name, "C" when none.
   const char* _GetAssociatedCLocale() const;
@@ -162,25 +169,13 @@ class SYSTEMTS_API NUVSysCodePage {
   static size_t _mbrlen_s(const char* localeName, const char* s, size_t max, mbstate_t* state);
 
  private:
-  using ToUTF16 = int (NUVSysCodePage::*)(const char*&, int&, unsigned short*, int&) const;
-  using FromUTF16 = int (NUVSysCodePage::*)(const unsigned short*, int, char*, int*) const;
-
-  int _CPtoUC2(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
-  int _UTF8toUTF16(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
-  int _CPtoUC2ByIdentity(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const;
-  int _UC2toCP(const unsigned short* src, int n, char* dst, int* dstLen) const;
-  int _UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const;
-  int _UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const;
-  void setIdentity();
-  SYSTEMTS_HIDDEN void setName(const char* name);
-
-  char* _codePage;        // owned copy, "Identity", or null
-  ToUTF16 _toUTF16;
-  FromUTF16 _fromUTF16;
-  char* _cLocale;         // 85 bytes, made on demand
-  IConvDesc_t _toUcs;     // code page -> "UTF-16LE"
-  IConvDesc_t _fromUcs;   // "UTF-16LE" -> code page
-  int _isUTF8;
+  std::atomic<const char*> _codePage;  // the current setup's name, "Identity", or null
+  // The current setup, never changed once published; null for an empty
+  // converter. Every setup this converter has had, newest first, hangs from
+  // _setups (changed only under the library's reinitialisation lock).
+  std::atomic<const systemts::detail::CodePageState*> _setup;
+  systemts::detail::CodePageState* _setups;
+  [[maybe_unused]] void* _reserved[5];  // keeps the size the class has always had
 
   static std::atomic<NUVSysCodePage*> _sCPConverter;
 };

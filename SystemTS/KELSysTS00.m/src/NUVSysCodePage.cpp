@@ -11,9 +11,11 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
+#include "CodePageCore.h"
 #include "Diagnostics.h"
 #include "KELMutex.h"
 #include "LocaleDatabase.h"
@@ -27,8 +29,6 @@ using namespace systemts::detail;
 
 namespace {
 
-constexpr size_t kLocaleBuffer = 85;
-
 // Bytes of the NUL-terminated text at p that a one-character decode may read:
 // at most `max`, and never past the terminating NUL (which is included).
 size_t readable(const char* p, size_t max) {
@@ -40,74 +40,32 @@ size_t readable(const char* p, size_t max) {
 
 std::atomic<NUVSysCodePage*> NUVSysCodePage::_sCPConverter{nullptr};
 
-// ---- construction ----
+// Callers compiled against the class rely on its size and on where the name
+// sits (GetCodePageName is inline).
+static_assert(sizeof(NUVSysCodePage) == 72, "NUVSysCodePage changed size");
+static_assert(std::atomic<const char*>::is_always_lock_free, "the name must read as a plain pointer");
+static_assert(sizeof(std::atomic<const char*>) == sizeof(char*), "the name must sit where it always has");
 
-NUVSysCodePage::NUVSysCodePage()
-    : _codePage(nullptr), _toUTF16(nullptr), _fromUTF16(nullptr), _cLocale(nullptr), _toUcs(0), _fromUcs(0),
-      _isUTF8(0) {}
+namespace {
 
-NUVSysCodePage::NUVSysCodePage(const char* codePage) : NUVSysCodePage() { _Reinitialize(codePage, nullptr); }
+// Serialises changes of setup (and the list of kept setups) across all
+// converters; conversions never take it.
+std::mutex g_setupMutex;
 
-NUVSysCodePage::~NUVSysCodePage() {
-  std::free(_codePage);
-  delete[] _cLocale;
+bool sameSetup(const CodePageState& a, const CodePageState& b) {
+  return a.kind == b.kind && a.toUcs == b.toUcs && a.fromUcs == b.fromUcs && a.name != nullptr &&
+         b.name != nullptr && std::strcmp(a.name, b.name) == 0 && std::strcmp(a.cLocale, b.cLocale) == 0;
 }
 
-void NUVSysCodePage::setIdentity() {
-  _isUTF8 = 0;
-  if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
-  _toUTF16 = &NUVSysCodePage::_CPtoUC2ByIdentity;
-  _fromUTF16 = &NUVSysCodePage::_UC2toCPByIdentity;
-  setName("Identity");
-}
-
-void NUVSysCodePage::setName(const char* name) {
-  // A name that cannot be copied leaves none rather than the previous one,
-  // which would no longer say what the converter does.
-  std::free(_codePage);
-  _codePage = CopyName(name);
-}
-
-void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
-  if (codePage == nullptr) {
-    setIdentity();
-    return;
-  }
-  if (_codePage != nullptr && std::strcmp(_codePage, codePage) == 0) return;
-  _isUTF8 = 0;
-  if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
-  if (std::strcmp(codePage, "UTF-8") == 0) {
-    _isUTF8 = 1;
-    _toUTF16 = &NUVSysCodePage::_UTF8toUTF16;
-    _fromUTF16 = &NUVSysCodePage::_UTF16toUTF8;
-  } else if (_InitConvDesc(codePage) < 0) {
-    setIdentity();
-    return;
-  } else {
-    _toUTF16 = &NUVSysCodePage::_CPtoUC2;
-    _fromUTF16 = &NUVSysCodePage::_UC2toCP;
-  }
-  if (localeEntry != nullptr) {
-    if (_cLocale == nullptr) {
-      _cLocale = new (std::nothrow) char[kLocaleBuffer];
-      if (_cLocale != nullptr) std::strcpy(_cLocale, "C");
-    }
-    if (_cLocale != nullptr && NUVSysCLocale::GetLocaleStringFromLangString(localeEntry, _cLocale, kLocaleBuffer) != 0) {
-      std::strcpy(_cLocale, "C");
-    }
-  }
-  setName(codePage);
-}
-
-int NUVSysCodePage::_InitConvDesc(const char* codePage) {
-  if (_isUTF8 != 0) return 1;
+// Registers both directions of `codePage` and checks iconv can open them.
+int initConvDesc(const char* codePage, IConvDesc_t& toUcs, IConvDesc_t& fromUcs) {
   if (codePage == nullptr || std::strcmp(codePage, "N/A") == 0) return E_FAIL;
-  int rc = NUVSysIConvTSWrap::Open("UTF-16LE", codePage, _toUcs);
-  if (rc == S_OK) rc = NUVSysIConvTSWrap::Open(codePage, "UTF-16LE", _fromUcs);
+  int rc = NUVSysIConvTSWrap::Open("UTF-16LE", codePage, toUcs);
+  if (rc == S_OK) rc = NUVSysIConvTSWrap::Open(codePage, "UTF-16LE", fromUcs);
   // Registering opens nothing: make sure iconv really knows the code page,
   // so that an unknown one becomes an identity converter as promised.
-  if (rc == S_OK && (NUVSysIConvTSWrap::GetIConvDesc(_toUcs) == kNoDescriptor ||
-                     NUVSysIConvTSWrap::GetIConvDesc(_fromUcs) == kNoDescriptor)) {
+  if (rc == S_OK && (NUVSysIConvTSWrap::GetIConvDesc(toUcs) == kNoDescriptor ||
+                     NUVSysIConvTSWrap::GetIConvDesc(fromUcs) == kNoDescriptor)) {
     rc = E_FAIL;
   }
   if (rc != S_OK) {
@@ -117,9 +75,88 @@ int NUVSysCodePage::_InitConvDesc(const char* codePage) {
   return rc;
 }
 
-const char* NUVSysCodePage::_GetAssociatedCLocale() const { return _cLocale != nullptr ? _cLocale : "C"; }
+}  // namespace
 
-bool NUVSysCodePage::IsValid() const { return _toUTF16 != nullptr && _toUTF16 != &NUVSysCodePage::_CPtoUC2ByIdentity; }
+// ---- construction ----
+
+NUVSysCodePage::NUVSysCodePage() : _codePage(nullptr), _setup(nullptr), _setups(nullptr), _reserved{} {}
+
+NUVSysCodePage::NUVSysCodePage(const char* codePage) : NUVSysCodePage() { _Reinitialize(codePage, nullptr); }
+
+NUVSysCodePage::~NUVSysCodePage() {
+  for (CodePageState* s = _setups; s != nullptr;) {
+    CodePageState* older = s->older;
+    std::free(s->name);
+    delete s;
+    s = older;
+  }
+}
+
+void NUVSysCodePage::_Reinitialize(const char* codePage, const char* localeEntry) {
+  const CodePageState* current = _setup.load(std::memory_order_acquire);
+  if (codePage != nullptr && current != nullptr && current->name != nullptr &&
+      std::strcmp(current->name, codePage) == 0) {
+    return;
+  }
+  // Work out the new setup completely before anything is published.
+  CodePageState next;
+  const char* name = "Identity";
+  if (codePage != nullptr) {
+    if (std::strcmp(codePage, "UTF-8") == 0) {
+      next.kind = CodePageKind::Utf8;
+      name = codePage;
+    } else if (initConvDesc(codePage, next.toUcs, next.fromUcs) == S_OK) {
+      next.kind = CodePageKind::Iconv;
+      name = codePage;
+    }
+    if (next.kind != CodePageKind::Identity && localeEntry != nullptr &&
+        NUVSysCLocale::GetLocaleStringFromLangString(localeEntry, next.cLocale, kCLocaleSize) != 0) {
+      std::strcpy(next.cLocale, "C");
+    }
+  }
+  std::lock_guard<std::mutex> lock(g_setupMutex);
+  CodePageState* chosen = nullptr;
+  // A name that cannot be copied leaves none rather than the previous one,
+  // which would no longer say what the converter does.
+  next.name = CopyName(name);
+  for (CodePageState* s = _setups; s != nullptr; s = s->older) {
+    if (sameSetup(*s, next)) {
+      chosen = s;
+      break;
+    }
+  }
+  if (chosen != nullptr) {
+    std::free(next.name);
+  } else {
+    chosen = new (std::nothrow) CodePageState(next);
+    if (chosen == nullptr) {
+      // Out of memory: the converter stays as it was.
+      std::free(next.name);
+      return;
+    }
+    chosen->older = _setups;
+    _setups = chosen;
+  }
+  _codePage.store(chosen->name, std::memory_order_release);
+  _setup.store(chosen, std::memory_order_release);
+}
+
+int NUVSysCodePage::_InitConvDesc(const char* codePage) {
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (s != nullptr && s->kind == CodePageKind::Utf8) return 1;
+  IConvDesc_t toUcs = 0, fromUcs = 0;
+  return initConvDesc(codePage, toUcs, fromUcs);
+}
+
+const char* NUVSysCodePage::_GetAssociatedCLocale() const {
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  return s != nullptr ? s->cLocale : "C";
+}
+
+bool NUVSysCodePage::IsValid() const {
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  return s != nullptr && s->kind != CodePageKind::Identity;
+}
 
 // ---- the environment converter ----
 
@@ -142,42 +179,65 @@ const NUVSysCodePage& NUVSysCodePage::GetEnvConverter() {
 }
 
 void NUVSysCodePage::OnChangeNLSCore(const NUVSysNLSEnv& env) {
+  // Publishes a new setup; conversions running meanwhile keep the old one,
+  // which the converter keeps (see CodePageCore.h).
   auto& c = const_cast<NUVSysCodePage&>(GetEnvConverter());
   c._Reinitialize(env.codePage, env.localeEntry);
 }
 
 // ---- public conversions ----
 
+namespace {
+
+// The resumable form over one setup: `len` bytes at most INT_MAX, as the
+// exported form has always limited one call.
+CodeStep resumable(const CodePageState& s, const char*& src, size_t& srcLen, unsigned short* dst,
+                   size_t dstCap) noexcept {
+  const size_t len = srcLen < INT_MAX ? srcLen : INT_MAX;
+  const CodeStep step = decodeCodePage(s, src, len, dst, dstCap < INT_MAX ? dstCap : INT_MAX);
+  if (step.status != CodeStatus::Ok) return step;
+  // The UTF-8 transform lets go of the text once it has used up what it was given.
+  src = s.kind == CodePageKind::Utf8 && step.consumed == len ? nullptr : src + step.consumed;
+  srcLen -= step.consumed;
+  if (srcLen == 0) src = nullptr;
+  return step;
+}
+
+int oneShot(const CodePageState& s, const char* src, int srcLen, unsigned short* dst) noexcept {
+  return static_cast<int>(decodeCodePage(s, src, static_cast<size_t>(srcLen), dst, kUnbounded).written);
+}
+
+int toMBCS(const CodePageState& s, const unsigned short* src, int n, char* dst, int* dstLen) noexcept {
+  const CodeStep step = encodeCodePage(s, src, static_cast<size_t>(n), dst, dstLen != nullptr);
+  if (dstLen != nullptr) *dstLen = static_cast<int>(step.written);
+  return static_cast<int>(step.written);
+}
+
+}  // namespace
+
 int NUVSysCodePage::ConvertMBCSToUTF16(const char* src, int srcLen, unsigned short* dst, int* dstLen) const {
   int units = 0;
-  if (src != nullptr && dst != nullptr && srcLen >= 0 && _toUTF16 != nullptr) {
-    int cap = -1;
-    (this->*_toUTF16)(src, srcLen, dst, cap);
-    units = cap;
-  }
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (src != nullptr && dst != nullptr && srcLen >= 0 && s != nullptr) units = oneShot(*s, src, srcLen, dst);
   if (dstLen != nullptr) *dstLen = units;
   return units;
 }
 
 size_t NUVSysCodePage::ConvertMBCSToUTF16(const char*& src, size_t& srcLen, unsigned short* dst,
                                           size_t dstCap) const {
-  if (src == nullptr || dst == nullptr || dstCap == 0 || _toUTF16 == nullptr) return 0;
-  const int len = static_cast<int>(srcLen < INT_MAX ? srcLen : INT_MAX);
-  int left = len;
-  int cap = static_cast<int>(dstCap < INT_MAX ? dstCap : INT_MAX);
-  const int units = (this->*_toUTF16)(src, left, dst, cap);
-  if (units < 0) return static_cast<size_t>(-1);
-  srcLen -= static_cast<size_t>(len - left);
-  if (srcLen == 0) src = nullptr;
-  return static_cast<size_t>(units);
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (src == nullptr || dst == nullptr || dstCap == 0 || s == nullptr) return 0;
+  const CodeStep step = resumable(*s, src, srcLen, dst, dstCap);
+  return step.status == CodeStatus::Ok ? step.written : static_cast<size_t>(-1);
 }
 
 int NUVSysCodePage::ConvertUTF16ToMBCS(const unsigned short* src, int n, char* dst, int* dstLen) const {
-  if (src == nullptr || dst == nullptr || n < 0 || _fromUTF16 == nullptr) {
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (src == nullptr || dst == nullptr || n < 0 || s == nullptr) {
     if (dstLen != nullptr) *dstLen = 0;
     return 0;
   }
-  return (this->*_fromUTF16)(src, n, dst, dstLen);
+  return toMBCS(*s, src, n, dst, dstLen);
 }
 
 // ---- iconv methods ----
@@ -225,17 +285,23 @@ size_t NUVSysCodePage::_mbrlen_s(const char* localeName, const char* s, size_t m
   return n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2) ? 1 : n;
 }
 
-int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
-  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_toUcs);
-  if (cd == kNoDescriptor) return _CPtoUC2ByIdentity(src, srcLen, dst, dstCap);
+namespace {
+
+// Code page to UTF-16 through iconv (or the single-byte table standing for
+// it). A character iconv refuses becomes the unit 0x3F00 and the conversion
+// goes on after it; no terminator.
+CodeStep decodeIconv(const CodePageState& s, const char* src, size_t len, unsigned short* dst,
+                     size_t cap) noexcept {
+  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(s.toUcs);
+  if (cd == kNoDescriptor) return decodeCodePage(CodePageState{}, src, len, dst, cap);
   // A single-byte code page converts through its table, which stops where
   // iconv would and for the same reason; the recovery below is shared.
-  const ByteDecoder* table = byteDecoder(_toUcs, cd);
+  const ByteDecoder* table = byteDecoder(s.toUcs, cd);
   char* in = const_cast<char*>(src);
-  size_t inLeft = static_cast<size_t>(srcLen);
+  size_t inLeft = len;
   char* const out0 = reinterpret_cast<char*>(dst);
   char* out = out0;
-  size_t outLeft = 2 * static_cast<size_t>(dstCap >= 1 ? dstCap : srcLen);
+  size_t outLeft = 2 * (cap != kUnbounded ? cap : len);
   std::mbstate_t state{};
   size_t maxChar = 0;
   for (;;) {
@@ -248,13 +314,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
       if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1) || inLeft == 0) break;
       e = errno;
     }
-    if (e == E2BIG) {
-      if (dstCap == 0) {
-        Diagnose(stderr, kDiagnoseFlush, "iconv E2BIG error: buffer overflow. InBytesLeft: %llu\n",
-                 static_cast<unsigned long long>(inLeft));
-      }
-      break;
-    }
+    if (e == E2BIG) break;  // out of room: the caller converts the rest in its next call
     if (e == EINVAL) {
       Diagnose(stderr, kDiagnoseFlush, "iconv EINVAL error: input buffer was truncated.\n");
     } else if (e != EILSEQ) {
@@ -262,7 +322,7 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
     }
     // Skip the character iconv refused and write the replacement unit.
     if (maxChar == 0) maxChar = static_cast<size_t>(NUVGetMultiByteCharMaxSize());
-    size_t skip = _mbrlen_s(_GetAssociatedCLocale(), in, maxChar < inLeft ? maxChar : inLeft, &state);
+    size_t skip = NUVSysCodePage::_mbrlen_s(s.cLocale, in, maxChar < inLeft ? maxChar : inLeft, &state);
     if (skip == 0) skip = 1;  // a NUL iconv refused: one byte
     if (skip > inLeft) {
       in += inLeft;
@@ -278,103 +338,115 @@ int NUVSysCodePage::_CPtoUC2(const char*& src, int& srcLen, unsigned short* dst,
     outLeft -= 2;
     if (inLeft == 0) break;
   }
-  const int units = static_cast<int>((out - out0) / 2);
-  src = in;
-  srcLen = static_cast<int>(inLeft);
-  dstCap = units;
   g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  return units;
+  return {len - inLeft, static_cast<size_t>(out - out0) / 2, CodeStatus::Ok};
 }
 
-int NUVSysCodePage::_UC2toCP(const unsigned short* src, int n, char* dst, int* dstLen) const {
-  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(_fromUcs);
-  if (cd == kNoDescriptor) return _UC2toCPByIdentity(src, n, dst, dstLen);
+// UTF-16 to code page through iconv (or the single-byte table): a unit iconv
+// refuses becomes '?'. Terminated.
+CodeStep encodeIconv(const CodePageState& s, const unsigned short* src, size_t n, char* dst) noexcept {
+  iconv_t cd = NUVSysIConvTSWrap::GetIConvDesc(s.fromUcs);
+  if (cd == kNoDescriptor) return encodeCodePage(CodePageState{}, src, n, dst, true);
   const ByteEncoder* table = nullptr;
-  if (byteEncoderDecided(_fromUcs)) {
-    table = byteEncoder(_fromUcs, cd, nullptr);
+  if (byteEncoderDecided(s.fromUcs)) {
+    table = byteEncoder(s.fromUcs, cd, nullptr);
   } else {
     // First use: whether the code page qualifies is the decoder's to say.
-    const iconv_t toCd = NUVSysIConvTSWrap::GetIConvDesc(_toUcs);
-    table = byteEncoder(_fromUcs, cd, toCd != kNoDescriptor ? byteDecoder(_toUcs, toCd) : nullptr);
+    const iconv_t toCd = NUVSysIConvTSWrap::GetIConvDesc(s.toUcs);
+    table = byteEncoder(s.fromUcs, cd, toCd != kNoDescriptor ? byteDecoder(s.toUcs, toCd) : nullptr);
   }
+  size_t bytes;
   if (table != nullptr) {
-    const int bytes = static_cast<int>(encodeUnits(*table, cd, src, static_cast<size_t>(n), dst));
-    dst[bytes] = '\0';
-    if (dstLen != nullptr) *dstLen = bytes;
-    g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
-    return bytes;
+    bytes = encodeUnits(*table, cd, src, n, dst);
+  } else {
+    char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
+    size_t inLeft = 2 * n;
+    char* out = dst;
+    size_t outLeft = 4 * n;
+    while (inLeft > 0) {
+      if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
+      if (inLeft == 0 || outLeft == 0) break;
+      *out++ = '?';
+      --outLeft;
+      in += 2;
+      inLeft = inLeft >= 2 ? inLeft - 2 : 0;
+    }
+    bytes = static_cast<size_t>(out - dst);
   }
-  char* in = reinterpret_cast<char*>(const_cast<unsigned short*>(src));
-  size_t inLeft = 2 * static_cast<size_t>(n);
-  char* out = dst;
-  size_t outLeft = 4 * static_cast<size_t>(n);
-  while (inLeft > 0) {
-    if (g_sys.iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<size_t>(-1)) break;
-    if (inLeft == 0 || outLeft == 0) break;
-    *out++ = '?';
-    --outLeft;
-    in += 2;
-    inLeft = inLeft >= 2 ? inLeft - 2 : 0;
-  }
-  const int bytes = static_cast<int>(out - dst);
   dst[bytes] = '\0';
-  if (dstLen != nullptr) *dstLen = bytes;
   g_sys.iconv(cd, nullptr, nullptr, nullptr, nullptr);
-  return bytes;
+  return {n, bytes, CodeStatus::Ok};
 }
 
-// ---- UTF-8 methods ----
-
-int NUVSysCodePage::_UTF8toUTF16(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
-  if (dstCap == -1) {
-    unsigned short* end = NUVSysUCAlgorithm::unchecked::utf8to16(src, src + srcLen, dst);
+// The library's lenient UTF-8: the one-shot form converts everything with
+// the unchecked transform; the bounded one follows ConvertUTF8ToUTF16's rule.
+// Both terminate.
+CodeStep decodeUtf8Text(const char* src, size_t len, unsigned short* dst, size_t cap) noexcept {
+  if (cap == kUnbounded) {
+    unsigned short* end = NUVSysUCAlgorithm::unchecked::utf8to16(src, src + len, dst);
     *end = 0;
-    dstCap = static_cast<int>(end - dst);
-    return dstCap;
+    return {len, static_cast<size_t>(end - dst), CodeStatus::Ok};
   }
-  if (dstCap < 1) return dstCap;
-  const unsigned units = NUVSysUCAlgorithm::ConvertUTF8ToUTF16(src, srcLen, dst, static_cast<unsigned>(dstCap));
-  if (units == 0xFFFFFFFFu) return -1;
+  const char* p = src;
+  int left = static_cast<int>(len);
+  const unsigned units = NUVSysUCAlgorithm::ConvertUTF8ToUTF16(p, left, dst, static_cast<unsigned>(cap));
+  if (units == 0xFFFFFFFFu) return {0, 0, CodeStatus::Refused};
   dst[units] = 0;
-  dstCap = static_cast<int>(units);
-  return dstCap;
+  return {len - static_cast<size_t>(left), units, CodeStatus::Ok};
 }
 
-int NUVSysCodePage::_UTF16toUTF8(const unsigned short* src, int n, char* dst, int* dstLen) const {
-  char* end = NUVSysUCAlgorithm::unchecked::utf16to8(src, src + n, dst);
-  const int bytes = static_cast<int>(end - dst);
-  if (dstLen != nullptr) {
-    *end = '\0';
-    *dstLen = bytes;
-  }
-  return bytes;
-}
-
-// ---- identity methods ----
-
-int NUVSysCodePage::_CPtoUC2ByIdentity(const char*& src, int& srcLen, unsigned short* dst, int& dstCap) const {
-  int count = srcLen;
-  if (dstCap >= 1 && count > dstCap) count = dstCap;
+// Bytes widen to units, up to the room; terminated when all input was used.
+CodeStep decodeIdentity(const char* src, size_t len, unsigned short* dst, size_t cap) noexcept {
+  const size_t count = cap < len ? cap : len;
   const auto* s = reinterpret_cast<const unsigned char*>(src);
-  for (int i = 0; i < count; ++i) dst[i] = s[i];
-  if (count == srcLen) dst[count] = 0;
-  src += count;
-  srcLen -= count;
-  dstCap = count;
-  return count;
+  for (size_t i = 0; i < count; ++i) dst[i] = s[i];
+  if (count == len) dst[count] = 0;
+  return {count, count, CodeStatus::Ok};
 }
 
-int NUVSysCodePage::_UC2toCPByIdentity(const unsigned short* src, int n, char* dst, int* dstLen) const {
-  for (int i = 0; i < n; ++i) dst[i] = static_cast<char>(src[i] & 0xFF);
-  dst[n] = '\0';
-  if (dstLen != nullptr) *dstLen = n;
-  return n;
+}  // namespace
+
+namespace systemts::detail {
+
+CodeStep decodeCodePage(const CodePageState& s, const char* src, size_t len, unsigned short* dst,
+                        size_t cap) noexcept {
+  switch (s.kind) {
+    case CodePageKind::Utf8:
+      return decodeUtf8Text(src, len, dst, cap);
+    case CodePageKind::Iconv:
+      return decodeIconv(s, src, len, dst, cap);
+    case CodePageKind::Identity:
+      break;
+  }
+  return decodeIdentity(src, len, dst, cap);
 }
+
+CodeStep encodeCodePage(const CodePageState& s, const unsigned short* src, size_t n, char* dst,
+                        bool terminate) noexcept {
+  switch (s.kind) {
+    case CodePageKind::Utf8: {
+      char* end = NUVSysUCAlgorithm::unchecked::utf16to8(src, src + n, dst);
+      if (terminate) *end = '\0';
+      return {n, static_cast<size_t>(end - dst), CodeStatus::Ok};
+    }
+    case CodePageKind::Iconv:
+      return encodeIconv(s, src, n, dst);
+    case CodePageKind::Identity:
+      break;
+  }
+  for (size_t i = 0; i < n; ++i) dst[i] = static_cast<char>(src[i] & 0xFF);
+  dst[n] = '\0';
+  return {n, n, CodeStatus::Ok};
+}
+
+}  // namespace systemts::detail
 
 // ---- two-way tests ----
 
 int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
   if (text == nullptr) return 0;
+  // One setup for the whole scan, even when the language changes meanwhile.
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
   const char* p = text;
   size_t left = len;
   while (left > 0) {
@@ -385,9 +457,13 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     unsigned short unit[2];  // one unit and the terminating 0 some methods add
     const char* q = p;
     size_t l = left;
-    size_t got = ConvertMBCSToUTF16(q, l, unit, 1);
+    size_t got = 0;
+    if (s != nullptr) {
+      const CodeStep step = resumable(*s, q, l, unit, 1);
+      got = step.status == CodeStatus::Ok ? step.written : static_cast<size_t>(-1);
+    }
     const size_t consumed = left - l;
-    if (got == 0 && consumed == 0 && _isUTF8 != 0) {
+    if (got == 0 && consumed == 0 && s != nullptr && s->kind == CodePageKind::Utf8) {
       // The UTF-8 method converts the rest in one go at a capacity of 1 and
       // refuses when it is more than one unit: the overflow it always was.
       got = 2;
@@ -402,8 +478,7 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     // whose one unit is used up skips a refused character after it without a
     // replacement: those bytes are consumed but come back from nothing.
     char back[5] = {};
-    int produced = 0;
-    ConvertUTF16ToMBCS(unit, 1, back, &produced);
+    const int produced = toMBCS(*s, unit, 1, back, nullptr);
     if (produced < 1 || static_cast<size_t>(produced) != consumed || std::memcmp(back, p, consumed) != 0) {
       return -1;
     }
@@ -415,13 +490,15 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
 
 int NUVSysCodePage::CanConvertUTF16ToMBCS(const unsigned short* text, int n) const {
   if (text == nullptr || n < 1) return 0;
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
   for (int i = 0; i < n; ++i) {
     if (text[i] == 0x3F) continue;
+    if (s == nullptr) return -1;  // an empty converter gives nothing back
     char bytes[8] = {};
     int produced = 0;
-    ConvertUTF16ToMBCS(&text[i], 1, bytes, &produced);
+    toMBCS(*s, &text[i], 1, bytes, &produced);
     unsigned short back[16] = {};
-    const int units = ConvertMBCSToUTF16(bytes, produced, back, nullptr);
+    const int units = oneShot(*s, bytes, produced, back);
     if (units < 1 || back[0] != text[i]) return -1;
   }
   return 0;
@@ -430,27 +507,27 @@ int NUVSysCodePage::CanConvertUTF16ToMBCS(const unsigned short* text, int n) con
 // ---- one character ----
 
 int NUVSysCodePage::GetNextMultiByteCharAsUTF16(const char*& p, unsigned short* out) const {
-  if (p == nullptr || out == nullptr || _toUTF16 == nullptr) return 0;
-  if (_isUTF8 != 0) {
-    const auto* s = reinterpret_cast<const uint8_t*>(p);
-    const uint32_t cp = decodeUtf8(s, s + readable(p, 4));
-    p = reinterpret_cast<const char*>(s);
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (p == nullptr || out == nullptr || s == nullptr) return 0;
+  if (s->kind == CodePageKind::Utf8) {
+    const auto* b = reinterpret_cast<const uint8_t*>(p);
+    const uint32_t cp = decodeUtf8(b, b + readable(p, 4));
+    p = reinterpret_cast<const char*>(b);
     return static_cast<int>(appendUtf16(cp, reinterpret_cast<uint16_t*>(out)) - reinterpret_cast<uint16_t*>(out));
   }
   // The methods may terminate their result: convert into room of our own.
   unsigned short units[4];
   const char* const start = p;
-  const int avail = static_cast<int>(readable(p, 4));
-  for (int cap : {1, 2}) {
-    const char* q = start;
-    int len = avail;
-    int room = cap;
-    const int got = (this->*_toUTF16)(q, len, units, room);
+  const size_t avail = readable(p, 4);
+  for (size_t cap : {1, 2}) {
+    const CodeStep step = decodeCodePage(*s, start, avail, units, cap);
+    const char* const q = start + step.consumed;
+    const size_t got = step.written;
     if (got > 0) {
       out[0] = units[0];
       if (got > 1) out[1] = units[1];
       p = q;
-      return got > 2 ? 2 : got;
+      return got > 2 ? 2 : static_cast<int>(got);
     }
     if (cap == 2) p = q != start ? q : start + 1;
   }
@@ -475,7 +552,8 @@ int NUVSysCodePage::GetNextMultiByteCharAsUTF32(const char*& p, unsigned int& ou
 
 int NUVSysCodePage::GetNextMultiByteCharAsUTF8(const char*& p, char* out) const {
   if (p == nullptr || out == nullptr) return 0;
-  if (_isUTF8 != 0) {
+  const CodePageState* s = _setup.load(std::memory_order_acquire);
+  if (s != nullptr && s->kind == CodePageKind::Utf8) {
     const auto lead = static_cast<unsigned char>(*p);
     size_t n = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 1;
     const size_t avail = readable(p, 4);
