@@ -14,6 +14,7 @@
 
 #include "NUVSysPath.h"
 #include "NUVSysPathImpl.h"
+#include "PathModels.h"
 #include "PathText.h"
 
 namespace {
@@ -27,27 +28,6 @@ void check(bool ok, const char* what) {
   }
 }
 
-// posixpath.normpath, with a leading "//" made "/".
-std::string normpathModel(const std::string& path) {
-  const bool rooted = !path.empty() && path[0] == '/';
-  std::vector<std::string> out;
-  size_t i = 0;
-  while (i <= path.size()) {
-    size_t j = path.find('/', i);
-    if (j == std::string::npos) j = path.size();
-    std::string c = path.substr(i, j - i);
-    i = j + 1;
-    if (c.empty() || c == ".") continue;
-    if (c != ".." || (!rooted && out.empty()) || (!out.empty() && out.back() == "..")) {
-      out.push_back(c);
-    } else if (!out.empty()) {
-      out.pop_back();
-    }
-  }
-  std::string r = rooted ? "/" : "";
-  for (size_t k = 0; k < out.size(); ++k) r += (k ? "/" : "") + out[k];
-  return r.empty() ? "." : r;
-}
 
 void checkConsistent(const NUVSysPath& p) {
   const NUVSysPathImplInternalData& d = p.GetImpl()->data();
@@ -82,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string once = base;
     if (!base.empty()) once.resize(systemts::detail::canonicalize(once.data(), once.size(), t.flags, t.prefix));
     if (!base.empty() && (t.flags & (NUVSysPathImpl::kAbsolute | NUVSysPathImpl::kRelative)))
-      check(once == normpathModel(base), "cleaning agrees with normpath");
+      check(once == systemts::test::normpathModel(base), "cleaning agrees with normpath");
     check(once.size() <= base.size() || once == ".", "cleaning never lengthens");
     std::string twice = once;
     if (!once.empty()) twice.resize(systemts::detail::canonicalize(twice.data(), twice.size(), t.flags, t.prefix));

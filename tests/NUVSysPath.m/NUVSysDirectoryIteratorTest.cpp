@@ -11,6 +11,7 @@
 #include <string>
 
 #include "FaultInjection.h"
+#include "PathModels.h"
 #include "NUVSysDirectoryWalker.h"
 #include "NUVSysPathFilter.h"
 #include "NUVSysPathNameFilter.h"
@@ -231,14 +232,8 @@ TEST(NUVSysDirectoryIteratorFaults, CopyThatCannotReopenIsFailed) {
   EXPECT_NE(nullptr, it.GetCurrentNameUTF8());  // the original walks on
 }
 
-namespace {
-struct dirent* (*g_plainReaddir)(DIR*) = nullptr;
-struct dirent* readdirWithoutType(DIR* d) {
-  struct dirent* e = g_plainReaddir(d);
-  if (e != nullptr) e->d_type = DT_UNKNOWN;
-  return e;
-}
-}  // namespace
+using systemts::test::g_plainReaddir;
+using systemts::test::readdirWithoutType;
 
 TEST(NUVSysDirectoryWalkerFaults, ReaddirAndLstatFailures) {
   Tree t;

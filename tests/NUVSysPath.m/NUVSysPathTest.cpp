@@ -13,37 +13,20 @@
 
 #include "FaultInjection.h"
 #include "NUVSysPathImpl.h"
+#include "PathModels.h"
 #include "PathText.h"
 #include "TestSupport.h"
 
 using systemts::detail::SysCalls;
+using systemts::test::g_plainReaddir;
+using systemts::test::normpathModel;
+using systemts::test::readdirWithoutType;
 
 namespace {
 constexpr int kNotFound = static_cast<int>(0x80070002u);
 
 std::string utf8(const KELUnicodeString& s) { return s.ConvertToUTF8(); }
 
-// Python's posixpath.normpath, except that a leading "//" becomes "/".
-std::string normpathModel(const std::string& path) {
-  const bool rooted = !path.empty() && path[0] == '/';
-  std::vector<std::string> out;
-  size_t i = 0;
-  while (i <= path.size()) {
-    size_t j = path.find('/', i);
-    if (j == std::string::npos) j = path.size();
-    std::string c = path.substr(i, j - i);
-    i = j + 1;
-    if (c.empty() || c == ".") continue;
-    if (c != ".." || (!rooted && out.empty()) || (!out.empty() && out.back() == "..")) {
-      out.push_back(c);
-    } else if (!out.empty()) {
-      out.pop_back();
-    }
-  }
-  std::string r = rooted ? "/" : "";
-  for (size_t k = 0; k < out.size(); ++k) r += (k ? "/" : "") + out[k];
-  return r.empty() ? "." : r;
-}
 
 struct TempDir {
   std::string path;
@@ -384,16 +367,6 @@ TEST(NUVSysPath, DirectoryCachesAndUtilities) {
   EXPECT_EQ(static_cast<int>(0x80040002u), NUVConvertError(2, 4));
 }
 
-namespace {
-// readdir that hides each entry's type, as some file systems do, so that the
-// callers have to lstat the entry themselves.
-struct dirent* (*g_plainReaddir)(DIR*) = nullptr;
-struct dirent* readdirWithoutType(DIR* d) {
-  struct dirent* e = g_plainReaddir(d);
-  if (e != nullptr) e->d_type = DT_UNKNOWN;
-  return e;
-}
-}  // namespace
 
 TEST(NUVSysPathFaults, FileSystemCallFailuresAreConverted) {
   constexpr int kEIO = static_cast<int>(0x80070005u), kEACCES = static_cast<int>(0x8007000Du),
