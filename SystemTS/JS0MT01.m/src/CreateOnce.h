@@ -4,6 +4,7 @@
 #define SYSTEMTS_CREATEONCE_H
 
 #include "KELMutex.h"
+#include "LockInternal.h"
 
 namespace systemts::detail {
 
@@ -21,13 +22,12 @@ void createOnce(T*& ref, unsigned int mode, Make make) {
   if (mode != 1) return;
   NUVMemoryBarrier();
   if (__atomic_load_n(&ref, __ATOMIC_ACQUIRE) != nullptr) return;
-  KELSysMTGlobalMutex(1, nullptr, 0);
+  GlobalMutexLock global;
   if (__atomic_load_n(&ref, __ATOMIC_ACQUIRE) == nullptr) {
     T* obj = make();
     NUVMemoryBarrier();
     __atomic_store_n(&ref, obj, __ATOMIC_RELEASE);
   }
-  KELSysMTGlobalMutex(2, nullptr, 0);
 }
 
 }  // namespace systemts::detail

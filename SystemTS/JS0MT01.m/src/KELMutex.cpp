@@ -5,6 +5,7 @@
 #include "KELMutexUnix.h"
 #include "KELSmartMutex.h"
 #include "KELThreads.h"
+#include "LockInternal.h"
 
 // ---- KELMutexUnix ----
 
@@ -121,47 +122,77 @@ KELSmartMutex::~KELSmartMutex() = default;
 
 // ---- the global mutex ----
 
+KELMutex* systemts::detail::newRecursiveMutex() {
+  return new KELMutex(/*lockAtCreation=*/0, /*recursive=*/1, /*deferred=*/0);
+}
+
 KELMutex* GetMyGlobalMutex() {
-  static KELMutex* const mutex = new KELMutex(0, 1, 0);
+  static KELMutex* const mutex = systemts::detail::newRecursiveMutex();
   return mutex;
 }
 
 namespace {
+
+// The global mutex as KELSysMTGlobalMutex serves it: filled by the first
+// call, emptied when the mutex is destroyed.
 std::atomic<KELMutex*> g_cachedGlobal{nullptr};
+
+// Fills the cache on first use. Returns true when it was already filled.
+bool primeGlobal() {
+  if (g_cachedGlobal.load(std::memory_order_acquire) != nullptr) return true;
+  g_cachedGlobal.store(GetMyGlobalMutex(), std::memory_order_release);
+  return false;
 }
 
+}  // namespace
+
+bool systemts::detail::lockGlobalMutex() {
+  primeGlobal();
+  KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
+  if (m == nullptr) return false;
+  (m->*KELMutex::LockF)();
+  return g_cachedGlobal.load(std::memory_order_acquire) == m;
+}
+
+void systemts::detail::unlockGlobalMutex() {
+  // Nothing was locked through the cache before it was filled.
+  if (!primeGlobal()) return;
+  if (KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire)) (m->*KELMutex::UnlockF)();
+}
+
+// The legacy edge: op 1 locks (1 when locked, -1 when the mutex is being
+// destroyed), op 2 unlocks, op 8 destroys; any name or flag is refused.
 int KELSysMTGlobalMutex(int op, const char* name, int flags) {
   if (name != nullptr || flags != 0) return -1;
-  if (g_cachedGlobal.load(std::memory_order_acquire) == nullptr) {
-    g_cachedGlobal.store(GetMyGlobalMutex(), std::memory_order_release);
-    if (op == 2) return 0;  // nothing was locked through the cache yet
-    if (g_cachedGlobal.load(std::memory_order_acquire) == nullptr) return -1;
-  }
-  KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
   switch (op) {
-    case 2:
-      (m->*KELMutex::UnlockF)();
-      return 0;
     case 1:
-      (m->*KELMutex::LockF)();
-      return g_cachedGlobal.load(std::memory_order_acquire) == m ? 1 : -1;
-    case 8:
+      return systemts::detail::lockGlobalMutex() ? 1 : -1;
+    case 2:
+      systemts::detail::unlockGlobalMutex();
+      return 0;
+    case 8: {
+      primeGlobal();
+      KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
+      if (m == nullptr) return -1;
       (m->*KELMutex::LockF)();
       g_cachedGlobal.store(nullptr, std::memory_order_release);
       (m->*KELMutex::UnlockF)();
       delete m;
       return 0;
+    }
     default:
+      primeGlobal();
       return -1;
   }
 }
 
 // ---- once-only creation ----
 
-
 void NUVCreateMutex(KELMutex*& ref, unsigned int mode) {
-  systemts::detail::createOnce(ref, mode, [] { return new KELMutex(0, 1, 0); });
+  systemts::detail::createOnce(ref, mode, [] { return systemts::detail::newRecursiveMutex(); });
 }
+
+void systemts::detail::createSharedMutex(KELMutex*& ref) { NUVCreateMutex(ref, 1); }
 
 void NUVMemoryBarrier() {
 #if defined(__SANITIZE_THREAD__)

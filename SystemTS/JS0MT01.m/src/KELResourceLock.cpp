@@ -4,6 +4,7 @@
 #include "CreateOnce.h"
 #include "KELResourceLockImpl.h"
 #include "KELThreads.h"
+#include "LockInternal.h"
 
 namespace {
 
@@ -101,4 +102,8 @@ void KELResourceLock::WriteUnlock() {
 
 void NUVCreateResourceLock(KELResourceLock*& ref, unsigned int mode) {
   systemts::detail::createOnce(ref, mode, [] { return new KELResourceLock(1); });
+}
+
+void systemts::detail::createSharedResourceLock(KELResourceLock*& ref) {
+  NUVCreateResourceLock(ref, 1);
 }

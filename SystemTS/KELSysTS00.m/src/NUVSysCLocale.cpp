@@ -17,6 +17,7 @@
 #include "KELResourceLock.h"
 #include "LocaleDatabase.h"
 #include "LocaleEnvironment.h"
+#include "LockInternal.h"
 #include "NLSLog.h"
 #include "SysCalls.h"
 
@@ -39,7 +40,7 @@ void capture() {
 // The global write lock of the fallback paths, made on first need.
 KELResourceLock& globalLock() {
   static KELResourceLock* lock = nullptr;
-  NUVCreateResourceLock(lock, 1);
+  systemts::detail::createSharedResourceLock(lock);
   return *lock;
 }
 

@@ -12,8 +12,9 @@
 
 #include "Diagnostics.h"
 #include "KELMutex.h"
-#include "NUVSysTSDataQueue.h"
 #include "LocaleDatabase.h"
+#include "LockInternal.h"
+#include "NUVSysTSDataQueue.h"
 #include "Settings.h"
 #include "SysCalls.h"
 
@@ -141,7 +142,7 @@ bool openNode(Node& node) {
 }  // namespace
 
 void NUVSysIConvTSWrap::sInitIConvTS(void*) {
-  NUVCreateMutex(g_mutex, 1);
+  systemts::detail::createSharedMutex(g_mutex);
   KELMutexGuard guard(*g_mutex);
   if (g_nodes == nullptr) g_nodes = NUVSysTSDataQueue::CreateEmptyQ(false, 0);
 }

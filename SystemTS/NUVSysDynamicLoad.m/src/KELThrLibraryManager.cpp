@@ -26,6 +26,7 @@
 
 #include "DynamicLoadInternal.h"
 #include "KELMutex.h"
+#include "LockInternal.h"
 #include "SysCalls.h"
 
 namespace {
@@ -146,7 +147,7 @@ void memoStore(const char* module, const char* symbol, void* address) {
 KELMutex& cacheLock() {
   KELMutex* m = __atomic_load_n(&g_cacheLock, __ATOMIC_ACQUIRE);
   if (m == nullptr) {
-    NUVCreateMutex(g_cacheLock, 1);
+    systemts::detail::createSharedMutex(g_cacheLock);
     m = __atomic_load_n(&g_cacheLock, __ATOMIC_ACQUIRE);
   }
   return *m;

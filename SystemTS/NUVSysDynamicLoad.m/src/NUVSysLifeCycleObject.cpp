@@ -8,6 +8,7 @@
 
 #include "DynamicLoadInternal.h"
 #include "KELMutex.h"
+#include "LockInternal.h"
 #include "NUVSysLifeCycleDynamicLoadManagerImplement.h"
 
 namespace systemts::detail {
@@ -47,7 +48,7 @@ KELMutex* g_registryLock = nullptr;
 LifeCycleEntries* g_entries = nullptr;  // made once, lives for the process
 
 KELMutex& registryLock() {
-  NUVCreateMutex(g_registryLock, 1);
+  systemts::detail::createSharedMutex(g_registryLock);
   return *g_registryLock;
 }
 
