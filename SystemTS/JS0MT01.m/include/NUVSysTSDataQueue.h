@@ -90,15 +90,15 @@ class SYSTEMTS_API NUVSysTSDataQueue : public NUVSysRefCounter {
   // The queue's mutex, items semaphore and chain, laid out in _inPlace.
   friend struct systemts::detail::QueueLock;
 
-  NUVSysTSDataQueue();
-  bool Initialize(bool blocking, int capacity);
+  SYSTEMTS_HIDDEN NUVSysTSDataQueue();
+  SYSTEMTS_HIDDEN bool Initialize(bool blocking, int capacity);
   // Locks and unlocks the queue's mutex.
-  void lock();
+  SYSTEMTS_HIDDEN void lock();
   SYSTEMTS_HIDDEN void unlock();
   // Under the mutex: a node for a new value, null when out of memory.
-  Node* newNode();
+  SYSTEMTS_HIDDEN Node* newNode();
   // Under the mutex: takes back the node of a value that left the queue.
-  void recycle(Node* node);
+  SYSTEMTS_HIDDEN void recycle(Node* node);
   // The lock, the items semaphore and the chain, kept in _inPlace.
   SYSTEMTS_HIDDEN systemts::detail::QueueLock& sync();
 

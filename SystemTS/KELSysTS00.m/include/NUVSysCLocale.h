@@ -123,9 +123,9 @@ class SYSTEMTS_API NUVSysCLocale {
    private:
     friend class NUVSysCLocale;
     enum { kPoolSize = 512, kStrings = 10, kChars = 14 };
-    const wchar_t* string(int index);
-    wchar_t character(int index);
-    const wchar_t* store(const wchar_t* text, size_t length);
+    SYSTEMTS_HIDDEN const wchar_t* string(int index);
+    SYSTEMTS_HIDDEN wchar_t character(int index);
+    SYSTEMTS_HIDDEN const wchar_t* store(const wchar_t* text, size_t length);
 
     wchar_t _pool[kPoolSize];
     const wchar_t* _strings[kStrings];  // decimal_point .. negative_sign
