@@ -86,9 +86,13 @@
 #include "NUVSysNLSEnv.h"
 #include "SystemTSCommon.h"
 
+class NUVSysCodePage;
 namespace systemts::detail {
 struct CodePageState;
-}
+// The V3 hash of code-page text (NUVSysUCAlgorithm::HashV3FromMBCS), taken
+// under one setup of the converter from the first byte to the last.
+unsigned int hashCodePageText(const NUVSysCodePage& cp, const char* text, size_t n, unsigned int seed);
+}  // namespace systemts::detail
 
 class SYSTEMTS_API NUVSysCodePage {
  public:
@@ -178,6 +182,9 @@ class SYSTEMTS_API NUVSysCodePage {
   [[maybe_unused]] void* _reserved[5];  // keeps the size the class has always had
 
   static std::atomic<NUVSysCodePage*> _sCPConverter;
+
+  friend unsigned int systemts::detail::hashCodePageText(const NUVSysCodePage&, const char*, size_t,
+                                                          unsigned int);
 };
 
 #endif  // NUVSYSCODEPAGE_H

@@ -19,6 +19,7 @@
 #include "Diagnostics.h"
 #include "KELMutex.h"
 #include "LocaleDatabase.h"
+#include "LockInternal.h"
 #include "NUVSysCLocale.h"
 #include "NUVSysUCAlgorithm.h"
 #include "SingleByteTables.h"
@@ -162,7 +163,7 @@ bool NUVSysCodePage::IsValid() const {
 
 const NUVSysCodePage& NUVSysCodePage::GetEnvConverter() {
   if (NUVSysCodePage* c = _sCPConverter.load(std::memory_order_acquire)) return *c;
-  KELSysMTGlobalMutex(1, nullptr, 0);
+  systemts::detail::GlobalMutexLock global;
   NUVSysNLSEnv env;
   GetEnvNLSData(env);
   if (_sCPConverter.load(std::memory_order_relaxed) == nullptr) {
@@ -174,7 +175,6 @@ const NUVSysCodePage& NUVSysCodePage::GetEnvConverter() {
     c->_Reinitialize(env.codePage, env.localeEntry);
     _sCPConverter.store(c, std::memory_order_release);
   }
-  KELSysMTGlobalMutex(2, nullptr, 0);
   return *_sCPConverter.load(std::memory_order_acquire);
 }
 
@@ -572,23 +572,33 @@ int NUVSysCodePage::GetNextMultiByteCharAsUTF8(const char*& p, char* out) const 
 // It lives beside the converter it goes through, so that the UTF layer below
 // never reaches up for the environment converter.
 
+// The setup is read once, so a change of language while a long text is
+// hashed gives the hash under the old code page or under the new one, never
+// a mixture of the two.
+unsigned int systemts::detail::hashCodePageText(const NUVSysCodePage& cp, const char* text, size_t n,
+                                                unsigned int seed) {
+  const CodePageState* s = cp._setup.load(std::memory_order_acquire);
+  if (s == nullptr) return seed;
+  const UtfKernels& k = utfKernels();
+  uint32_t h = seed;
+  // 256 units a round, and one more for the terminator the step writes.
+  unsigned short buf[257];
+  const char* p = text;
+  size_t left = n;
+  while (p != nullptr && left > 0) {
+    const CodeStep step = resumable(*s, p, left, buf, 256);
+    if (step.status != CodeStatus::Ok || step.written == 0) break;  // refused, or nothing converts
+    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), step.written, h);
+  }
+  return h;
+}
+
 unsigned int NUVSysUCAlgorithm::HashV3FromMBCS(const char* text, unsigned long n,
                                                unsigned int seed,
                                                const NUVSysCodePage* codePage) {
   if (!text) return seed;
-  const NUVSysCodePage& cp = codePage ? *codePage : NUVSysCodePage::GetEnvConverter();
-  const UtfKernels& k = utfKernels();
-  uint32_t h = seed;
-  // 256 units a round, and one more for the terminator some methods write.
-  unsigned short buf[257];
-  const char* p = text;
-  size_t left = n;
-  while (p && left > 0) {
-    const size_t got = cp.ConvertMBCSToUTF16(p, left, buf, 256);
-    if (got == 0 || got > 256) break;  // nothing converts (or refused): stop
-    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), got, h);
-  }
-  return h;
+  return systemts::detail::hashCodePageText(codePage ? *codePage : NUVSysCodePage::GetEnvConverter(),
+                                            text, n, seed);
 }
 
 unsigned int NUVSysUCAlgorithm::HashV3FromMBCSOptimistic(const char* text, unsigned long n,
