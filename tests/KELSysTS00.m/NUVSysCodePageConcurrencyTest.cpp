@@ -55,6 +55,18 @@ TEST(NUVSysCodePageConcurrency, LanguageChangesWhileFourThreadsConvert) {
   ASSERT_STREQ(env.GetCodePageName(), "EUC-JP");
   ASSERT_EQ(decode(env), kAsEucJp);  // both answers differ, so a mixture shows
 
+  // The text 300 times over, and its hash as UTF-8 and as EUC-JP.
+  std::string longText;
+  U16 asUtf8, asEucJp;
+  for (int i = 0; i < 300; ++i) {
+    longText += kText;
+    asUtf8.insert(asUtf8.end(), kAsUtf8.begin(), kAsUtf8.end());
+    asEucJp.insert(asEucJp.end(), kAsEucJp.begin(), kAsEucJp.end());
+  }
+  const unsigned hashAs[2] = {NUVSysUCAlgorithm::HashV3FromUCS2(asUtf8.data(), asUtf8.size(), 0),
+                              NUVSysUCAlgorithm::HashV3FromUCS2(asEucJp.data(), asEucJp.size(), 0)};
+  ASSERT_EQ(NUVSysUCAlgorithm::HashV3FromMBCS(longText.data(), longText.size(), 0, nullptr), hashAs[1]);
+
   constexpr int kConverters = 4;
   constexpr int kRounds = 300;  // each converter's, at the least
   std::atomic<bool> stop{false};
@@ -87,11 +99,9 @@ TEST(NUVSysCodePageConcurrency, LanguageChangesWhileFourThreadsConvert) {
         }
         const U16 r = decodeResumable(cp);
         if (r != kAsUtf8 && r != kAsEucJp) bad.fetch_add(1);
-        const unsigned h = NUVSysUCAlgorithm::HashV3FromMBCS(kText, 4, 0, nullptr);
-        if (h != NUVSysUCAlgorithm::HashV3FromUCS2(kAsUtf8.data(), 4, 0) &&
-            h != NUVSysUCAlgorithm::HashV3FromUCS2(kAsEucJp.data(), 3, 0)) {
-          bad.fetch_add(1);
-        }
+        // Many 256-unit rounds: all of them under one code page.
+        const unsigned h = NUVSysUCAlgorithm::HashV3FromMBCS(longText.data(), longText.size(), 0, nullptr);
+        if (h != hashAs[0] && h != hashAs[1]) bad.fetch_add(1);
       }
     });
   }
@@ -113,6 +123,31 @@ TEST(NUVSysCodePageConcurrency, LanguageChangesWhileFourThreadsConvert) {
   EXPECT_GT(seen[1].load(), 0);
   EXPECT_STREQ(env.GetCodePageName(), "UTF-8");
   EXPECT_EQ(decode(env), kAsUtf8);
+}
+
+// Two threads changing the language at once: whichever change the
+// national-language core takes last, the environment converter must end on
+// its code page (the callbacks of two changes must not overtake each other).
+TEST(NUVSysCodePageConcurrency, ConverterFollowsTheLastOfTwoRacingChanges) {
+  ASSERT_EQ(NLSCoreChangeLanguage("C"), 0);
+  const NUVSysCodePage& env = NUVSysCodePage::GetEnvConverter();
+  int wrong = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::atomic<int> ready{0};
+    auto change = [&](const char* name) {
+      ready.fetch_add(1);
+      while (ready.load() < 2) std::this_thread::yield();
+      NLSCoreChangeLanguage(name);
+    };
+    std::thread a(change, "C"), b(change, "ja_JP.eucJP");
+    a.join();
+    b.join();
+    NUVSysNLSEnv now;
+    GetEnvNLSData(now);
+    if (std::strcmp(now.codePage, env.GetCodePageName()) != 0) ++wrong;
+  }
+  ASSERT_EQ(NLSCoreChangeLanguage("C"), 0);
+  EXPECT_EQ(wrong, 0);
 }
 
 // A conversion that started before a change may still be reading the old

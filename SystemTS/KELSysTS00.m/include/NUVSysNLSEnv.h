@@ -39,8 +39,11 @@ SYSTEMTS_API int NLSCoreRegisterCBOnChange(void (*callback)(const NUVSysNLSEnv&)
 // Changes the process's language at run time as if the locale environment
 // named `localeName` (same rules as the detection, e.g. "ja_JP.eucJP"), then
 // calls every registered callback, in registration order, on the calling
-// thread. Returns 0, or -1 for a null name. The process's C locale itself is
-// not touched.
+// thread. Changes are serialised: a change made on another thread meanwhile
+// waits until this one's callbacks have returned, so the last callback call
+// always carries the environment in force. A callback may change the language
+// again (on its own thread). Returns 0, or -1 for a null name. The process's
+// C locale itself is not touched.
 SYSTEMTS_API int NLSCoreChangeLanguage(const char* localeName);
 
 // The largest byte length of one character in the process code page, for

@@ -82,6 +82,11 @@ struct State {
   NUVSysNLSEnv env{};
   std::string cLocale;  // a name newlocale accepts for this environment
   std::vector<void (*)(const NUVSysNLSEnv&)> callbacks;
+  // Held by a change of language from its start to its last callback, so
+  // that the callbacks of two changes never overtake each other. Recursive:
+  // a callback may change the language again. Taken before `mutex`, never
+  // while holding it (callbacks read the environment).
+  std::recursive_mutex changing;
 };
 
 State& state() {
@@ -200,6 +205,7 @@ int NLSCoreChangeLanguage(const char* localeName) {
   State& s = state();
   NUVSysNLSEnv env;
   std::vector<void (*)(const NUVSysNLSEnv&)> callbacks;
+  std::lock_guard<std::recursive_mutex> changing(s.changing);
   {
     std::lock_guard<std::mutex> lock(s.mutex);
     describe(s, localeName);
