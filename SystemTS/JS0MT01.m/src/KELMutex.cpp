@@ -64,7 +64,7 @@ int (KELMutex::*KELMutex::UnlockF)() = &KELMutex::Unlock;
 int (KELMutex::*KELMutex::TryLockF)() = &KELMutex::TryLock;
 
 // Made before any other static object of the library.
-KELMutex KELMutex::_mutexGlobal __attribute__((init_priority(101))){0, 1, 0};
+KELMutex KELMutex::_mutexGlobal __attribute__((init_priority(101))){/*lockAtCreation=*/0, /*recursive=*/1, /*deferred=*/0};
 
 KELMutex::KELMutex(int lockAtCreation, int recursive, int deferred) : _impl(nullptr) {
   if (g_firstMutex) {
@@ -74,7 +74,7 @@ KELMutex::KELMutex(int lockAtCreation, int recursive, int deferred) : _impl(null
     TryLockF = &KELMutex::TryLock;
   }
   if (deferred != 0) return;
-  _Initialize(0, recursive);
+  _Initialize(/*useGlobal=*/0, recursive);
   if (lockAtCreation != 0) Lock();
 }
 
@@ -96,7 +96,7 @@ void KELMutex::_Initialize(int useGlobal, int recursive) {
 KELMutexRealData* KELMutex::made() {
   KELMutexRealData* d = impl();
   if (d == nullptr) {
-    _Initialize(1, 1);
+    _Initialize(/*useGlobal=*/1, /*recursive=*/1);
     d = impl();
   }
   return d;
@@ -117,7 +117,7 @@ int KELMutex::TryLock() {
   return d != nullptr ? d->TryLock() : 1;
 }
 
-KELSmartMutex::KELSmartMutex(int deferred) : KELMutex(0, 1, deferred) {}
+KELSmartMutex::KELSmartMutex(int deferred) : KELMutex(/*lockAtCreation=*/0, /*recursive=*/1, deferred) {}
 KELSmartMutex::~KELSmartMutex() = default;
 
 // ---- the global mutex ----

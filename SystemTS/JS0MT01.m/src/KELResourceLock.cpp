@@ -101,8 +101,10 @@ void KELResourceLock::WriteUnlock() {
 }
 
 void NUVCreateResourceLock(KELResourceLock*& ref, unsigned int mode) {
-  systemts::detail::createOnce(ref, mode, [] { return new KELResourceLock(1); });
+  systemts::detail::createOnce(ref, mode, [] { return systemts::detail::newResourceLock(); });
 }
+
+KELResourceLock* systemts::detail::newResourceLock() { return new KELResourceLock(1); }
 
 void systemts::detail::createSharedResourceLock(KELResourceLock*& ref) {
   NUVCreateResourceLock(ref, 1);

@@ -34,6 +34,11 @@ class GlobalMutexLock {
 
 // A new recursive mutex, unlocked, its platform mutex made at once.
 KELMutex* newRecursiveMutex();
+// A new read/write lock (the exported constructor's kind is ignored).
+KELResourceLock* newResourceLock();
+
+// The kinds NUVSysSemaphore::NUVSysCreateSemaphore takes.
+enum SemaphoreKind : char { kPlainSemaphore = 0, kCountingSemaphore = 1 };
 
 // Creates the shared lock into `ref` once, however many threads race to
 // (NUVCreateMutex / NUVCreateResourceLock in mode 1: checked under the global

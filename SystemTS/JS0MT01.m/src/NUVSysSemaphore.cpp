@@ -8,6 +8,7 @@
 #include <ctime>
 #include <new>
 
+#include "LockInternal.h"
 #include "NUVSysSemaphoreImpl.h"
 #include "SysCalls.h"
 
@@ -38,7 +39,7 @@ NUVSysSemaphore* NUVSysSemaphore::NUVSysCreateSemaphore(int maxCount, int initia
   if (initialCount < 0 || maxCount < -1 || (maxCount >= 0 && initialCount > maxCount)) return nullptr;
   const int max = maxCount == -1 ? kLargestMax : maxCount;
   switch (kind) {
-    case 0: {
+    case systemts::detail::kPlainSemaphore: {
       auto* s = new (std::nothrow) NUVSysSemaphoreImpl(max, initialCount);
       if (s != nullptr && !s->initialised()) {
         delete s;
@@ -46,7 +47,7 @@ NUVSysSemaphore* NUVSysSemaphore::NUVSysCreateSemaphore(int maxCount, int initia
       }
       return s;
     }
-    case 1:
+    case systemts::detail::kCountingSemaphore:
       return new (std::nothrow) NUVSysSemaphoreVarCntImpl(max, initialCount);
     default:
       return nullptr;

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "KELMutexUnix.h"
+#include "LockInternal.h"
 #include "NUVSysSemaphoreImpl.h"
 #include "SysCalls.h"
 
@@ -197,7 +198,7 @@ bool NUVSysTSDataQueue::Initialize(bool blocking, int capacity) {
   }
   if (capacity == 0) return true;
   _capacity = capacity;
-  _space = NUVSysSemaphore::NUVSysCreateSemaphore(capacity, capacity, 0);
+  _space = NUVSysSemaphore::NUVSysCreateSemaphore(capacity, capacity, systemts::detail::kPlainSemaphore);
   return _space != nullptr;
 }
 

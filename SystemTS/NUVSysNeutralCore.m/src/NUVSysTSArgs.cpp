@@ -17,6 +17,7 @@
 #include "ArgTable.h"
 #include "KELResourceLock.h"
 #include "KELSysSimpleHashTable.h"
+#include "LockInternal.h"
 #include "SysCalls.h"
 
 namespace systemts::detail {
@@ -77,7 +78,7 @@ namespace {
 // The table's lock, `_ArgsLock`: made on first use and never destroyed, so
 // that threads still running at exit find it.
 KELResourceLock& argsLock() {
-  static KELResourceLock* const _ArgsLock = new KELResourceLock(1);
+  static KELResourceLock* const _ArgsLock = systemts::detail::newResourceLock();
   return *_ArgsLock;
 }
 
