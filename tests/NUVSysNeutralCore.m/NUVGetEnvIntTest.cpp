@@ -1,18 +1,14 @@
 // The settings reader: the process environment, then the current and the
 // main application context, then the install path, which is computed in
 // child processes started with a chosen argv[0], "PATH" and directory.
-#include <unistd.h>
+#include "NUVSysEnvironmentManager.h"
 
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cstdlib>
-#include <fstream>
 #include <optional>
-#include <string>
 
 #include "FaultInjection.h"
-#include "NUVSysEnvironmentManager.h"
 #include "NUVSysNeutralCoreApplication.h"
 #include "TestSupport.h"
 
