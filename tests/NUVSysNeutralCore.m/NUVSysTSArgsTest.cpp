@@ -55,6 +55,16 @@ Args ownCommandLine() {
   return out;
 }
 
+// NUVSysTSGetArg's result, kind, added flag and value, the value starting
+// as "unchanged".
+using Got = std::tuple<int, int, int, std::string>;
+Got getArg(const char* name) {
+  int kind = -9, added = -9;
+  KELUnicodeString v("unchanged");
+  const int rc = NUVSysTSGetArg(name, kind, added, v);
+  return {rc, kind, added, v.ConvertToUTF8()};
+}
+
 TEST(ArgEnt, HashAndCompare) {
   EXPECT_EQ(0u, ArgEnt::ComputeHashKey(nullptr));
   EXPECT_EQ(5381u, ArgEnt::ComputeHashKey(""));
@@ -116,20 +126,7 @@ TEST(NUVSysTSSetArg, RuleTable) {
   for (int i = 0; i < 60; ++i) many.push_back("-n" + std::to_string(i) + "=" + std::to_string(i));
   setArgs(many);
   EXPECT_EQ(60u, tableEntries().size());
-  KELUnicodeString v;
-  int kind = -1;
-  EXPECT_EQ(0, NUVSysTSGetArg("n59", kind, v));
-  EXPECT_EQ("59", v.ConvertToUTF8());
-}
-
-// NUVSysTSGetArg's result, kind, added flag and value, the value starting
-// as "unchanged".
-using Got = std::tuple<int, int, int, std::string>;
-Got getArg(const char* name) {
-  int kind = -9, added = -9;
-  KELUnicodeString v("unchanged");
-  const int rc = NUVSysTSGetArg(name, kind, added, v);
-  return {rc, kind, added, v.ConvertToUTF8()};
+  EXPECT_EQ(Got(0, 1, 0, "59"), getArg("n59"));
 }
 
 // Results before the table exists, after an addition, after a rebuild, in a
