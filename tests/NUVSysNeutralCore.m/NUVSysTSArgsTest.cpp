@@ -182,52 +182,37 @@ TEST(NUVSysTSGetArg, TableLifecycle) {
   EXPECT_EQ(Got(0, 0, 0, "unchanged"), getArg("batch"));
 }
 
-// A child process started with arguments that are empty, hold a newline,
-// are not UTF-8 or are longer than one read, reads them back exactly; the
-// parent compares.
-TEST(NUVSysGetCmdLineArgs, ChildReadsItsOwnArguments) {
-  if (const char* out = std::getenv("SYSTEMTS_ARGS_CHILD_OUT")) {
-    // The child: the count, then every argument length-prefixed ("=" when
-    // the string form agrees), then the table's "file", to the file.
-    int argc = -1, count = -1;
-    char** argv = nullptr;
-    const int n = NUVSysGetCmdLineArgs(argc, argv);
-    std::string dump = std::to_string(n) + (argv[argc] ? "!" : "\n");
-    KELUnicodeString* strings = NUVSysGetCmdLineArgs(count);
-    for (int i = 0; i < argc && count == argc; ++i)
-      dump += std::to_string(std::strlen(argv[i])) + ":" + argv[i] +
-              (strings[i] == KELUnicodeString(argv[i]) ? "=" : "!");
-    delete[] strings;
-    const Got file = getArg("file");
-    std::ofstream(out, std::ios::binary) << dump << "|" << std::get<0>(file) << ":" << std::get<3>(file);
-    return;
-  }
-  char exe[PATH_MAX] = {}, path[] = "/tmp/argsChildXXXXXX";
-  ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-  Args args = {exe, "--gtest_filter=NUVSysGetCmdLineArgs.ChildReadsItsOwnArguments", "",
-               "line\nbreak", "\xFF\xFE not UTF-8", "-file", "x y", std::string(5000, 'L'), "last"};
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setenv("SYSTEMTS_ARGS_CHILD_OUT", path, 1);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    dup2(open("/dev/null", O_WRONLY), 1);
-    execv(exe, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  std::ifstream in(path, std::ios::binary);
-  const std::string dump(std::istreambuf_iterator<char>(in), {});
-  unlink(path);
-  std::string want = std::to_string(args.size()) + "\n";
-  for (const std::string& a : args) want += std::to_string(a.size()) + ":" + a + "=";
-  EXPECT_EQ(want + "|0:x y", dump);
+// Arguments that are empty, hold a newline, are not UTF-8 or are longer
+// than one read come back exactly, in both forms and in the table; the
+// command line is served by a stand-in read, in a fresh process.
+TEST(NUVSysGetCmdLineArgs, ArgumentsReadBackExactly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  static const Args kArgs = {"prog", "", "line\nbreak", "\xFF\xFE not UTF-8", "-file", "x y",
+                             std::string(5000, 'L'), "last"};
+  EXPECT_EXIT(runThenExit([] {
+                static std::string bytes;
+                for (const std::string& a : kArgs) bytes += a + '\0';
+                g_sys.read = [](int, void* buf, size_t n) -> ssize_t {
+                  static size_t at = 0;
+                  n = std::min(n, bytes.size() - at);
+                  std::memcpy(buf, bytes.data() + at, n);
+                  at += n;
+                  return static_cast<ssize_t>(n);
+                };
+                int argc = -1, count = -1;
+                char** argv = nullptr;
+                const int n = NUVSysGetCmdLineArgs(argc, argv);
+                KELUnicodeString* strings = NUVSysGetCmdLineArgs(count);
+                int same = 0;  // how many arguments agree in both forms
+                while (same < argc && count == argc && kArgs[same] == argv[same] &&
+                       strings[same] == KELUnicodeString(argv[same]))
+                  ++same;
+                delete[] strings;
+                const Got file = getArg("file");
+                std::fprintf(stderr, "<%d %d %d %d %s>", n, same, argv[argc] == nullptr, std::get<0>(file),
+                             std::get<3>(file).c_str());
+              }),
+              testing::ExitedWithCode(0), "<8 8 1 0 x y>");
 }
 
 // The failures of the first read, each in a fresh process (the cache is
