@@ -236,6 +236,11 @@ TEST(NUVSysEnvironStringReplaceA, Cases) {
 }
 
 TEST(NUVSysEnvironmentManagerFaults, AllocationFailures) {
+  // Runs `f` with the nth malloc from now failing.
+  const auto mallocFails = [](long nth, auto f) {
+    Fault<&SysCalls::malloc> fault(ENOMEM, nullptr, nth);
+    f();
+  };
   NUVSysEnvironmentManager m;
   {
     Fault<&SysCalls::calloc> f(ENOMEM, nullptr, 1, Fault<&SysCalls::calloc>::kAlways);
@@ -246,28 +251,16 @@ TEST(NUVSysEnvironmentManagerFaults, AllocationFailures) {
   ASSERT_EQ(0, m.BuildOfficialEnviron(1));
   ASSERT_EQ(0, m.BuildDynamicEnviron(1));
   char** slot = &m.GetDynamicEnviron()[0];
-  {
-    Fault<&SysCalls::malloc> f(ENOMEM, nullptr);  // the line copy
-    EXPECT_EQ(-1, m.BuildEnvironString(slot, "A=${R}"));
-    EXPECT_EQ(nullptr, *slot);
-  }
+  mallocFails(1, [&] { EXPECT_EQ(-1, m.BuildEnvironString(slot, "A=${R}")); });  // the line copy
+  EXPECT_EQ(nullptr, *slot);
   ASSERT_EQ(0, m.BuildEnvironString(&m.GetOfficialEnviron()[0], "R=1"));
-  {
-    Fault<&SysCalls::malloc> f(ENOMEM, nullptr, 2);  // the tag copy
-    EXPECT_EQ(-1, m.BuildEnvironString(slot, "A=${R}"));
-  }
+  mallocFails(2, [&] { EXPECT_EQ(-1, m.BuildEnvironString(slot, "A=${R}")); });  // the tag copy
   ASSERT_EQ(0, m.BuildEnvironString(slot, "A=${R}${R}"));
-  {
-    Fault<&SysCalls::malloc> f(ENOMEM, nullptr);  // the line copy
-    EXPECT_EQ(-1, m.ExpandAllEnvironStrings());
-    EXPECT_STREQ("A=${R}${R}", *slot);
-  }
-  {
-    // The replacement's own allocation fails: the line keeps its text.
-    Fault<&SysCalls::malloc> f(ENOMEM, nullptr, 2);
-    EXPECT_EQ(0, m.ExpandAllEnvironStrings());
-    EXPECT_STREQ("A=${R}${R}", *slot);
-  }
+  mallocFails(1, [&] { EXPECT_EQ(-1, m.ExpandAllEnvironStrings()); });  // the line copy
+  EXPECT_STREQ("A=${R}${R}", *slot);
+  // The replacement's own allocation fails: the line keeps its text.
+  mallocFails(2, [&] { EXPECT_EQ(0, m.ExpandAllEnvironStrings()); });
+  EXPECT_STREQ("A=${R}${R}", *slot);
   // Expansion is done once: the registered line has been replaced.
   EXPECT_EQ(0, m.ExpandAllEnvironStrings());
   EXPECT_STREQ("A=${R}${R}", *slot);
@@ -275,10 +268,7 @@ TEST(NUVSysEnvironmentManagerFaults, AllocationFailures) {
   EXPECT_EQ(0, m.ExpandAllEnvironStrings());
   EXPECT_STREQ("A=11", *slot);
   char* s = strdup("a-b-c");
-  {
-    Fault<&SysCalls::malloc> f(ENOMEM, nullptr, 2);
-    s = NUVSysEnvironStringReplaceA(s, "-", "+");
-  }
+  mallocFails(2, [&] { s = NUVSysEnvironStringReplaceA(s, "-", "+"); });
   EXPECT_STREQ("a+b-c", s);  // replaced so far, nothing lost
   std::free(s);
 }
