@@ -1,22 +1,15 @@
 // The settings reader: the process environment, then the current and the
 // main application context, then the install path, which is computed in
 // child processes started with a chosen argv[0], "PATH" and directory.
-#include <unistd.h>
+#include "NUVSysEnvironmentManager.h"
 
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <string>
 
 #include "FaultInjection.h"
-#include "NUVSysEnvironmentManager.h"
 #include "NUVSysNeutralCoreApplication.h"
-#include "NUVSysUCAlgorithm.h"
 #include "TestSupport.h"
 
 namespace {
@@ -58,14 +51,9 @@ TEST(NUVGetEnvInt, EnvironmentThenCurrentThenMainContext) {
     NUVSysNeutralCoreApplication::SetCurrentApplication(&own);
     ASSERT_EQ(0, NUVSysNeutralCoreApplicationPutEnvironmentVariableA("SYSTEMTS_ENV_A", "own-a"));
     setEnv("SYSTEMTS_ENV_B", "env-b");
-    struct Case {
-      const char* name;
-      int rc;
-      const char* value;
-    } cases[] = {{"SYSTEMTS_ENV_A", 1, "own-a"},
-                 {"SYSTEMTS_ENV_B", 1, "env-b"},
-                 {"SYSTEMTS_ENV_UNSET", 0, "<untouched>"}};
-    for (const Case& c : cases) {
+    const struct { const char* name; int rc; const char* value; } kCases[] = {
+        {"SYSTEMTS_ENV_A", 1, "own-a"}, {"SYSTEMTS_ENV_B", 1, "env-b"}, {"SYSTEMTS_ENV_UNSET", 0, "<untouched>"}};
+    for (const auto& c : kCases) {
       SCOPED_TRACE(c.name);
       int rc = -1;
       EXPECT_EQ(c.value, getEnvInt(c.name, &rc));
@@ -133,13 +121,14 @@ TEST(InstallPathChild, Report) {
   std::ofstream(out, std::ios::binary) << path << "|" << rc << "|" << viaEnv;
 }
 
-// Runs the test binary as `argv0` in `dir` with "PATH" set to `pathEnv`;
-// what the child reported.
-std::string runChild(const std::string& argv0, const char* pathEnv, const std::string& dir,
-                     const char* fault = nullptr, const char* lang = "C") {
+// Runs the test binary as `argv0` in `dir` with "PATH" set to `pathEnv`
+// and the fault named `fault` ("getcwd", "access" or ""); what the child
+// reported.
+std::string runChild(const std::string& argv0, const std::string& pathEnv, const std::string& dir,
+                     const char* fault, const char* lang = "C") {
   return runSelfChild(argv0, "InstallPathChild.Report", kChildOut, [&] {
-    if (fault != nullptr) setenv(kChildFault, fault, 1);
-    setenv("PATH", pathEnv, 1);
+    setenv(kChildFault, fault, 1);
+    setenv("PATH", pathEnv.c_str(), 1);
     unsetenv("KELInstallPath");
     setenv("LANG", lang, 1);
     return chdir(dir.c_str()) == 0;
@@ -163,33 +152,33 @@ struct Tree {
   }
 };
 
-TEST(NUVGetMainInstallPath, ChildProcesses) {
+// Each case in a child process; the fault cases make getcwd or access fail.
+TEST(NUVGetMainInstallPathFaults, ChildProcesses) {
   Tree t;
   ASSERT_FALSE(t.root.empty());
   const std::string path = "/nonexistent::" + t.root + "/opt/b:" + t.root + "/opt/a/";
   const std::string parent = t.root.substr(0, t.root.rfind('/'));
-  struct Case {
-    std::string argv0;
-    std::string pathEnv;
-    std::string dir;
-    std::string want;
-  } cases[] = {
+  const struct { std::string argv0, pathEnv, dir; const char* fault; std::string want; } kCases[] = {
       // Found through "PATH" (empty and missing entries skipped, a trailing
       // "/" not doubled): T/opt/a/prog loses three components.
-      {"prog", path, "/", t.root},
-      {"prog", "/nonexistent:" + t.root + "/opt/b", "/", ""},
+      {"prog", path, "/", "", t.root},
+      {"prog", "/nonexistent:" + t.root + "/opt/b", "/", "", ""},
       // Relative with a "/": the current directory first.
-      {"bin/x/prog", path, t.root, t.root},
-      {"x/prog", path, t.root, parent},
+      {"bin/x/prog", path, t.root, "", t.root},
+      {"x/prog", path, t.root, "", parent},
       // Absolute.
-      {"/r/s/t/u/prog", path, "/", "/r/s"},
+      {"/r/s/t/u/prog", path, "/", "", "/r/s"},
       // Fewer than three separators: cutting stops when none is left.
-      {"/a/prog", path, "/", ""},
-      {"/prog", path, "/", ""},
+      {"/a/prog", path, "/", "", ""},
+      {"/prog", path, "/", "", ""},
+      // No current directory: a relative program is cut as it stands.
+      {"bin/x/prog", "/bin", t.root, "getcwd", "bin"},
+      // Nothing readable along "PATH": empty.
+      {"prog", t.root + "/opt/a", "/", "access", ""},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.argv0 + " in " + c.dir);
-    EXPECT_EQ(c.want + "|1|" + c.want, runChild(c.argv0, c.pathEnv.c_str(), c.dir));
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.argv0 + " in " + c.dir + " " + c.fault);
+    EXPECT_EQ(c.want + "|1|" + c.want, runChild(c.argv0, c.pathEnv, c.dir, c.fault));
   }
 }
 
@@ -198,20 +187,8 @@ TEST(NUVGetMainInstallPath, NotUTF8IsConverted) {
   locale_t latin1 = newlocale(LC_ALL_MASK, "fr_FR.ISO-8859-1", nullptr);
   if (latin1 == nullptr) GTEST_SKIP() << "no fr_FR.ISO-8859-1 locale";
   freelocale(latin1);
-  const std::string got = runChild("/opt/\xE9t\xE9/x/y/prog", "/bin", "/", nullptr, "fr_FR.ISO-8859-1");
-  const std::string path = got.substr(0, got.find('|'));
-  const char* p = path.c_str();
-  EXPECT_EQ(0, NUVSysUCAlgorithm::IsUTF8(p, path.size())) << got;
-  EXPECT_EQ("/opt/\xC3\xA9t\xC3\xA9", path);
-}
-
-TEST(NUVGetMainInstallPathFaults, GetcwdAndAccess) {
-  Tree t;
-  ASSERT_FALSE(t.root.empty());
-  // No current directory: a relative program is cut as it stands.
-  EXPECT_EQ("bin|1|bin", runChild("bin/x/prog", "/bin", t.root, "getcwd"));
-  // Nothing readable along "PATH": empty.
-  EXPECT_EQ("|1|", runChild("prog", (t.root + "/opt/a").c_str(), "/", "access"));
+  EXPECT_EQ("/opt/\xC3\xA9t\xC3\xA9|1|/opt/\xC3\xA9t\xC3\xA9",
+            runChild("/opt/\xE9t\xE9/x/y/prog", "/bin", "/", "", "fr_FR.ISO-8859-1"));
 }
 
 }  // namespace

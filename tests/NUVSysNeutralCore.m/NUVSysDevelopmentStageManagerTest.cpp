@@ -4,12 +4,7 @@
 // rules of the application context's initialise and update.
 #include "NUVSysDevelopmentStageManager.h"
 
-
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <string>
 
 #include "FaultInjection.h"
 #include "NUVSysNeutralCoreApplication.h"
@@ -47,13 +42,10 @@ TEST(NUVSysDevelopmentStage, MarkerModuleOnTheSearchPath) {
   setEnv("KELDevelopmentStage", "TRUE");
   EXPECT_EQ(2, stage());
   setEnv("KELDevelopmentStage", nullptr);
-  struct Case {
-    std::string path;
-    const char* want;
-  } cases[] = {{SYSTEMTS_DEVPHASE_DIR, "2"}, {SYSTEMTS_DEVPHASE_DIR "_nomarker", "0"}, {"/nonexistent", "0"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(c.want, childStage(c.path));
+  for (auto [path, want] : {std::pair{SYSTEMTS_DEVPHASE_DIR, "2"}, {SYSTEMTS_DEVPHASE_DIR "_nomarker", "0"},
+                            {"/nonexistent", "0"}}) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(want, childStage(path));
   }
 }
 

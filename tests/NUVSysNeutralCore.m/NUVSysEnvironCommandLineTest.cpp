@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "FaultInjection.h"
@@ -42,8 +41,7 @@ std::string quote(Args args) {
 TEST(NUVSysEnvironBuildArgumentFromCommandLine, SplittingRules) {
   const struct { const char* line; Args want; } kCases[] = {
       {"", {""}},
-      {"a b  c", {"a", "b", "c"}},
-      {"a\t \tb", {"a", "b"}},            // a run of blanks and tabs is one separator
+      {"a\t \tb  c", {"a", "b", "c"}},    // a run of blanks and tabs is one separator
       {" a", {"", "a"}},                  // leading blank: empty first argument
       {"a ", {"a", ""}},                  // trailing blank: empty last argument
       {"\"a b\" c", {"a b", "c"}},        // quotes keep blanks and are dropped
@@ -67,8 +65,7 @@ TEST(NUVSysEnvironBuildArgumentFromCommandLine, SplittingRules) {
   EXPECT_EQ(-1, NUVSysEnvironBuildArgumentFromCommandLine(nullptr, &argv, &argc));
   EXPECT_EQ(-1, NUVSysEnvironBuildArgumentFromCommandLine("a", nullptr, &argc));
   EXPECT_EQ(-1, NUVSysEnvironBuildArgumentFromCommandLine("a", &argv, nullptr));
-  EXPECT_EQ(reinterpret_cast<char**>(1), argv);
-  EXPECT_EQ(7, argc);
+  EXPECT_TRUE(argv == reinterpret_cast<char**>(1) && argc == 7);  // untouched
 }
 
 // The documented quoted forms; arbitrary vectors through the round trip are

@@ -4,21 +4,12 @@
 // chosen arguments).
 #include "NUVSysTSArgs.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -64,6 +55,16 @@ Args ownCommandLine() {
   return out;
 }
 
+// NUVSysTSGetArg's result, kind, added flag and value, the value starting
+// as "unchanged".
+using Got = std::tuple<int, int, int, std::string>;
+Got getArg(const char* name) {
+  int kind = -9, added = -9;
+  KELUnicodeString v("unchanged");
+  const int rc = NUVSysTSGetArg(name, kind, added, v);
+  return {rc, kind, added, v.ConvertToUTF8()};
+}
+
 TEST(ArgEnt, HashAndCompare) {
   EXPECT_EQ(0u, ArgEnt::ComputeHashKey(nullptr));
   EXPECT_EQ(5381u, ArgEnt::ComputeHashKey(""));
@@ -103,8 +104,6 @@ TEST(NUVSysTSSetArg, RuleTable) {
       {{"prog", "-e", "a", "/regserver", "", "\\b", "c", "-x"},
        {{"e", 1, 0, "a /regserver "}, {"regserver", 0, 0, kNull}, {"x", 0, 0, kNull}}},
       {{"prog", "-e", "-x", "y"}, {{"e", 1, 0, "-x y"}}},
-      {{"prog", "-Url"}, {{"Url", 0, 0, kNull}}},
-      {{"prog", "-render=fast", "-render"}, {{"render", 1, 0, "fast"}}},  // the first entry of a name is kept
       {{"prog", "-render=", "-a=b=c", "--=v"}, {{"", 1, 0, "v"}, {"a", 1, 0, "b=c"}, {"render", 1, 0, ""}}},
       {{"prog", "-file", "a", "-file", "b", "--file=c"}, {{"file", 1, 0, "a"}}},  // first entry of a name kept
       {{"prog", "-", "--", "plain", "\xC3\xA9t\xC3\xA9"}, {{"", 0, 0, kNull}}},
@@ -127,10 +126,7 @@ TEST(NUVSysTSSetArg, RuleTable) {
   for (int i = 0; i < 60; ++i) many.push_back("-n" + std::to_string(i) + "=" + std::to_string(i));
   setArgs(many);
   EXPECT_EQ(60u, tableEntries().size());
-  KELUnicodeString v;
-  int kind = -1;
-  EXPECT_EQ(0, NUVSysTSGetArg("n59", kind, v));
-  EXPECT_EQ("59", v.ConvertToUTF8());
+  EXPECT_EQ(Got(0, 1, 0, "59"), getArg("n59"));
 }
 
 // Results before the table exists, after an addition, after a rebuild, in a
@@ -138,41 +134,34 @@ TEST(NUVSysTSSetArg, RuleTable) {
 TEST(NUVSysTSGetArg, TableLifecycle) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(runThenExit([] {
-                int kind = -9, added = -9;
-                KELUnicodeString v("keep");
-                const int before = NUVSysTSGetArg("file", kind, added, v);
+                const Got before = getArg("file");
                 const KELUnicodeString value = KELUnicodeString::FromUTF8("d\xC3\xA9j\xC3\xA0");
                 const int add = NUVSysTSAddArg("file", &value);
-                const int got = NUVSysTSGetArg("file", kind, added, v);
-                std::fprintf(stderr, "<%x %d %d %d %d %s>", before, add, got, kind, added,
-                             v.ConvertToUTF8() == "d\xC3\xA9j\xC3\xA0" ? "same" : "differs");
+                const Got got = getArg("file");
+                std::fprintf(stderr, "<%x %d %d %d %d %d %s>", std::get<0>(before), std::get<1>(before), add,
+                             std::get<0>(got), std::get<1>(got), std::get<2>(got),
+                             std::get<3>(got) == "d\xC3\xA9j\xC3\xA0" ? "same" : "differs");
               }),
-              testing::ExitedWithCode(0), "<80004005 0 0 1 1 same>");
+              testing::ExitedWithCode(0), "<80004005 -9 0 0 1 1 same>");
 
   setArgs({"prog", "-file", "a.inp", "-maintenance", "-v"});
+  EXPECT_EQ(Got(0, 1, 0, "a.inp"), getArg("file"));
+  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, std::get<0>(getArg("nope")));
   int kind = -9, added = -9;
-  KELUnicodeString v;
-  EXPECT_EQ(0, NUVSysTSGetArg("file", kind, added, v));
-  EXPECT_EQ(std::make_tuple(1, 0, std::string("a.inp")), std::make_tuple(kind, added, v.ConvertToUTF8()));
-  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, NUVSysTSGetArg("nope", kind, added, v));
+  KELUnicodeString v("unchanged");
   EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, NUVSysTSGetArg(static_cast<char*>(nullptr), kind, v));
   // Intended: an entry without value text leaves the caller's value as it
   // was, the kind-1 "maintenance" entry as well.
-  v = "unchanged";
   EXPECT_EQ(0, NUVSysTSGetArg("maintenance", kind, v));
-  EXPECT_EQ(0, kind);
-  EXPECT_EQ("unchanged", v.ConvertToUTF8());
+  EXPECT_EQ(std::make_pair(0, std::string("unchanged")), std::make_pair(kind, v.ConvertToUTF8()));
   setArgs({"prog", "x", "-maintenance"});
-  EXPECT_EQ(0, NUVSysTSGetArg("maintenance", kind, v));
-  EXPECT_EQ(1, kind);
-  EXPECT_EQ("unchanged", v.ConvertToUTF8());
+  EXPECT_EQ(Got(0, 1, 0, "unchanged"), getArg("maintenance"));
   setArgs({"prog", "-file", "a.inp"});
 
   // An addition replaces the entry read from the command line; without a
   // value it has kind 0.
   EXPECT_EQ(0, NUVSysTSAddArg("file", static_cast<const KELUnicodeString*>(nullptr)));
-  EXPECT_EQ(0, NUVSysTSGetArg("file", kind, added, v));
-  EXPECT_EQ(std::make_tuple(0, 1, std::string("unchanged")), std::make_tuple(kind, added, v.ConvertToUTF8()));
+  EXPECT_EQ(Got(0, 0, 1, "unchanged"), getArg("file"));
   KELSysTSUnicodeString ts(KELUnicodeString::FromUTF8("\xE2\x82\xAC 5"));
   EXPECT_EQ(0, NUVSysTSAddArg("price", &ts));
   KELSysTSUnicodeString back;
@@ -187,64 +176,43 @@ TEST(NUVSysTSGetArg, TableLifecycle) {
   EXPECT_EQ(0, NUVSysTSResetArg("file"));
   EXPECT_EQ(E_FAIL, NUVSysTSResetArg("file"));
   EXPECT_EQ(E_FAIL, NUVSysTSResetArg(static_cast<char*>(nullptr)));
-  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, NUVSysTSGetArg("file", kind, v));
+  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, std::get<0>(getArg("file")));
   setArgs({"prog", "-batch"});
-  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, NUVSysTSGetArg("price", kind, v));
-  EXPECT_EQ(0, NUVSysTSGetArg("batch", kind, added, v));
-  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(kind, added));
+  EXPECT_EQ(SYSTEMTS_E_NOT_FOUND, std::get<0>(getArg("price")));
+  EXPECT_EQ(Got(0, 0, 0, "unchanged"), getArg("batch"));
 }
 
-// A child process started with arguments that are empty, hold a newline,
-// are not UTF-8 or are longer than one read, reads them back exactly; the
-// parent compares.
-TEST(NUVSysGetCmdLineArgs, ChildReadsItsOwnArguments) {
-  if (const char* out = std::getenv("SYSTEMTS_ARGS_CHILD_OUT")) {
-    // The child: the count, then every argument length-prefixed ("=" when
-    // the string form agrees), then the table's "file", to the file.
-    int argc = -1, count = -1, kind = -1;
-    char** argv = nullptr;
-    const int n = NUVSysGetCmdLineArgs(argc, argv);
-    std::string dump = std::to_string(n) + (argv[argc] ? "!" : "\n");
-    KELUnicodeString* strings = NUVSysGetCmdLineArgs(count);
-    for (int i = 0; i < argc && count == argc; ++i)
-      dump += std::to_string(std::strlen(argv[i])) + ":" + argv[i] +
-              (strings[i] == KELUnicodeString(argv[i]) ? "=" : "!");
-    delete[] strings;
-    KELUnicodeString file;
-    const int rc = NUVSysTSGetArg("file", kind, file);
-    std::ofstream(out, std::ios::binary) << dump << "|" << rc << ":" << file.ConvertToUTF8();
-    return;
-  }
-  char exe[PATH_MAX] = {};
-  ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-  const Args args = {exe, "--gtest_filter=NUVSysGetCmdLineArgs.ChildReadsItsOwnArguments", "",
-                     "line\nbreak", "\xFF\xFE not UTF-8", "-file", "x y", std::string(5000, 'L'), "last"};
-  char path[] = "/tmp/argsChildXXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    setenv("SYSTEMTS_ARGS_CHILD_OUT", path, 1);
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    const int devNull = open("/dev/null", O_WRONLY);
-    dup2(devNull, 1);
-    execv(exe, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  std::ifstream in(path, std::ios::binary);
-  const std::string dump(std::istreambuf_iterator<char>(in), {});
-  unlink(path);
-  std::string want = std::to_string(args.size()) + "\n";
-  for (const std::string& a : args) want += std::to_string(a.size()) + ":" + a + "=";
-  want += "|0:x y";
-  EXPECT_EQ(want, dump);
+// Arguments that are empty, hold a newline, are not UTF-8 or are longer
+// than one read come back exactly, in both forms and in the table; the
+// command line is served by a stand-in read, in a fresh process.
+TEST(NUVSysGetCmdLineArgs, ArgumentsReadBackExactly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  static const Args kArgs = {"prog", "", "line\nbreak", "\xFF\xFE not UTF-8", "-file", "x y",
+                             std::string(5000, 'L'), "last"};
+  EXPECT_EXIT(runThenExit([] {
+                static std::string bytes;
+                for (const std::string& a : kArgs) bytes += a + '\0';
+                g_sys.read = [](int, void* buf, size_t n) -> ssize_t {
+                  static size_t at = 0;
+                  n = std::min(n, bytes.size() - at);
+                  std::memcpy(buf, bytes.data() + at, n);
+                  at += n;
+                  return static_cast<ssize_t>(n);
+                };
+                int argc = -1, count = -1;
+                char** argv = nullptr;
+                const int n = NUVSysGetCmdLineArgs(argc, argv);
+                KELUnicodeString* strings = NUVSysGetCmdLineArgs(count);
+                int same = 0;  // how many arguments agree in both forms
+                while (same < argc && count == argc && kArgs[same] == argv[same] &&
+                       strings[same] == KELUnicodeString(argv[same]))
+                  ++same;
+                delete[] strings;
+                const Got file = getArg("file");
+                std::fprintf(stderr, "<%d %d %d %d %s>", n, same, argv[argc] == nullptr, std::get<0>(file),
+                             std::get<3>(file).c_str());
+              }),
+              testing::ExitedWithCode(0), "<8 8 1 0 x y>");
 }
 
 // The failures of the first read, each in a fresh process (the cache is
