@@ -16,34 +16,29 @@
 #include "NUVSysPathFilter.h"
 #include "NUVSysPathNameFilter.h"
 
+using systemts::detail::g_sys;
 using systemts::detail::SysCalls;
-using systemts::test::g_plainReaddir;
-using systemts::test::readdirWithoutType;
+namespace st = systemts::test;
 
 namespace {
 constexpr int kEIO = static_cast<int>(0x80070005u);
 
-void touch(const std::string& path) {
-  if (FILE* f = std::fopen(path.c_str(), "w")) std::fclose(f);
+// Makes a directory for a path ending in "/", else an empty file.
+void make(const std::string& path) {
+  if (path.back() == '/') {
+    ::mkdir(path.c_str(), 0755);
+  } else if (FILE* f = std::fopen(path.c_str(), "w")) {
+    std::fclose(f);
+  }
 }
 
-// A fresh directory; its entries are made from "name" (a file) and "name/"
-// (a directory) in the order given.
+// A fresh directory holding `entries`, made in the order given.
 struct Tree {
-  std::string root;
-  NUVSysPath dir;
+  char name[32] = "/tmp/nuvsysdir_XXXXXX";
+  const std::string root = ::mkdtemp(name);
+  NUVSysPath dir{root.c_str()};
   Tree(std::initializer_list<std::string> entries) {
-    char name[] = "/tmp/nuvsysdir_XXXXXX";
-    root = ::mkdtemp(name);
-    dir = NUVSysPath(root.c_str());
-    for (const std::string& e : entries) {
-      const std::string p = root + "/" + e;
-      if (e.back() == '/') {
-        ::mkdir(p.c_str(), 0755);
-      } else {
-        touch(p);
-      }
-    }
+    for (const std::string& e : entries) make(root + "/" + e);
   }
   ~Tree() { dir.Remove(1); }
 };
@@ -73,8 +68,8 @@ class OnlyFilesFilter : public NUVSysPathFilter {
 // relative path -> (depth, directory).
 std::map<std::string, std::pair<int, bool>> walk(const Tree& t, int options = 0, bool untyped = false) {
   std::map<std::string, std::pair<int, bool>> seen;
-  g_plainReaddir = systemts::detail::g_sys.readdir;
-  if (untyped) systemts::detail::g_sys.readdir = readdirWithoutType;
+  st::g_plainReaddir = g_sys.readdir;
+  if (untyped) g_sys.readdir = st::readdirWithoutType;
   NUVSysDirectoryWalker w;
   EXPECT_EQ(0, w.Open(t.dir, options));
   int rc;
@@ -83,14 +78,14 @@ std::map<std::string, std::pair<int, bool>> walk(const Tree& t, int options = 0,
     seen[p.substr(t.root.size() + 1)] = {w.GetDepth(), w.IsDirectory()};
     EXPECT_EQ(std::string(w.GetCurrentName()), p.substr(p.rfind('/') + 1));
   }
-  systemts::detail::g_sys.readdir = g_plainReaddir;
+  g_sys.readdir = st::g_plainReaddir;
   EXPECT_EQ(SYSTEMTS_E_NO_MORE_ENTRIES, rc);
   EXPECT_EQ(0, w.GetSkippedCount());
   return seen;
 }
 }  // namespace
 
-TEST(NUVSysDirectoryIterator, FiltersDotEntriesAndEmptyDirectories) {
+TEST(NUVSysDirectoryIterator, FiltersEmptyDirectoriesAndCopies) {
   Tree t{"a.inp", "b.inp", "c.out", "noext", ".hidden", "D.INP", "sub.inp/"};
   NUVSysPathFilter all;  // "*.*": no matching, not even "holds a dot"
   NUVSysPathFilter inp(KELUnicodeString::FromUTF8("*.inp"));
@@ -128,13 +123,23 @@ TEST(NUVSysDirectoryIterator, FiltersDotEntriesAndEmptyDirectories) {
   // Not a directory, and no path at all.
   EXPECT_EQ(E_FAIL, NUVSysPath((t.root + "/a.inp").c_str()).GetDirectoryIterator(it));
   EXPECT_EQ(E_FAIL, NUVSysPath().GetDirectoryIterator(it));
+  // A copy walks on by itself.
+  it = t.dir.Begin();
+  ++it;
+  NUVSysDirectoryIterator copy(it);
+  EXPECT_STREQ(it.GetCurrentNameUTF8(), copy.GetCurrentNameUTF8());
+  std::set<std::string> rest1, rest2;
+  for (++it; it != t.dir.End(); ++it) rest1.insert(it.GetCurrentNameUTF8());
+  for (++copy; copy != t.dir.End(); ++copy) rest2.insert(copy.GetCurrentNameUTF8());
+  EXPECT_EQ(rest1, rest2);
+  EXPECT_EQ(5u, rest1.size());
 }
 
 TEST(NUVSysDirectoryIterator, EntriesRemovedDuringTheWalk) {
   Tree t{};
   std::set<std::string> made;
   for (int i = 0; i < 200; ++i) made.insert("f" + std::to_string(i));
-  for (const std::string& n : made) touch(t.root + "/" + n);
+  for (const std::string& n : made) make(t.root + "/" + n);
   std::multiset<std::string> seen;
   int rc = 0;
   NUVSysDirectoryIterator it = t.dir.Begin(&rc);
@@ -144,7 +149,7 @@ TEST(NUVSysDirectoryIterator, EntriesRemovedDuringTheWalk) {
     if (seen.size() == 1) {
       for (const std::string& n : made)
         if (n != *seen.begin()) ::unlink((t.root + "/" + n).c_str());
-      touch(t.root + "/late");
+      make(t.root + "/late");
     }
   }
   EXPECT_EQ(SYSTEMTS_E_NO_MORE_ENTRIES, it.next());
@@ -153,19 +158,6 @@ TEST(NUVSysDirectoryIterator, EntriesRemovedDuringTheWalk) {
     EXPECT_EQ(1u, seen.count(n)) << n;
     EXPECT_TRUE(made.count(n) || n == "late") << n;
   }
-}
-
-TEST(NUVSysDirectoryIterator, CopiesWalkOnByThemselves) {
-  Tree t{"a", "b", "c", "d"};
-  NUVSysDirectoryIterator it = t.dir.Begin();
-  ++it;
-  NUVSysDirectoryIterator copy(it);
-  EXPECT_STREQ(it.GetCurrentNameUTF8(), copy.GetCurrentNameUTF8());
-  std::set<std::string> rest1, rest2;
-  for (++it; it != t.dir.End(); ++it) rest1.insert(it.GetCurrentNameUTF8());
-  for (++copy; copy != t.dir.End(); ++copy) rest2.insert(copy.GetCurrentNameUTF8());
-  EXPECT_EQ(rest1, rest2);
-  EXPECT_EQ(2u, rest1.size());
 }
 
 TEST(NUVSysDirectoryIteratorFaults, FailuresEqualTheEnd) {
@@ -208,13 +200,13 @@ TEST(NUVSysDirectoryWalker, SymbolicLinkLoopAndUntypedEntries) {
   // Both links point at directories already open: reported, never entered.
   // Entries of unknown type are looked at with lstat: the same walk.
   // Followed, the links count as directories.
-  for (int follow : {0, 1}) {
+  for (const bool follow : {false, true}) {
     SCOPED_TRACE(follow);
     const std::map<std::string, std::pair<int, bool>> expected = {
-        {"a", {1, true}}, {"a/b", {2, true}}, {"a/b/f", {3, false}}, {"a/b/up", {3, follow == 1}},
-        {"a/root", {2, follow == 1}}};
-    EXPECT_EQ(expected, walk(t, follow ? int(NUVSysDirectoryWalker::kFollowLinks) : 0));
-    EXPECT_EQ(expected, walk(t, follow ? int(NUVSysDirectoryWalker::kFollowLinks) : 0, /*untyped=*/true));
+        {"a", {1, true}}, {"a/b", {2, true}}, {"a/b/f", {3, false}}, {"a/b/up", {3, follow}}, {"a/root", {2, follow}}};
+    const int options = follow ? int(NUVSysDirectoryWalker::kFollowLinks) : 0;
+    EXPECT_EQ(expected, walk(t, options));
+    EXPECT_EQ(expected, walk(t, options, /*untyped=*/true));
   }
 }
 

@@ -2,15 +2,16 @@
 // file rotation, and sinks that fail through the OS table and recover.
 #include "NUVSysTrace.h"
 
-#include <dirent.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -59,18 +60,10 @@ void reset() {
 }
 
 // "2026-11-24T15:27:01.123456Z <tid> <name> <LEVEL>: ..."
-testing::AssertionResult hasShape(const std::string& line, const std::string& tid, const std::string& name) {
-  const char kTime[] = "dddd-dd-ddTdd:dd:dd.ddddddZ ";
-  for (std::size_t i = 0; i + 1 < sizeof kTime; ++i) {
-    const bool ok = kTime[i] == 'd' ? (i < line.size() && line[i] >= '0' && line[i] <= '9')
-                                    : (i < line.size() && line[i] == kTime[i]);
-    if (!ok) return testing::AssertionFailure() << "time differs at " << i;
-  }
-  const std::string rest = line.substr(sizeof kTime - 1);
-  for (const char* level : {"ERROR: ", "WARNING: ", "INFO: ", "DEBUG: "}) {
-    if (rest.rfind(tid + " " + name + " " + level, 0) == 0) return testing::AssertionSuccess();
-  }
-  return testing::AssertionFailure() << "thread, name or level differ";
+bool hasShape(const std::string& line, const std::string& tid, const std::string& name) {
+  const std::regex shape(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )" + tid + " " + name +
+                         " (ERROR|WARNING|INFO|DEBUG): ");
+  return std::regex_search(line.substr(0, 200), shape);
 }
 
 // Every test starts from the built-in settings, an empty ring and a fresh
@@ -85,11 +78,7 @@ class NUVSysTraceTest : public testing::Test {
   }
   void TearDown() override {
     NUVSysTraceFlush__();
-    if (DIR* d = opendir(dir_.c_str())) {
-      while (dirent* e = readdir(d)) unlink((dir_ + "/" + e->d_name).c_str());
-      closedir(d);
-    }
-    rmdir(dir_.c_str());
+    std::filesystem::remove_all(dir_);
     reset();
   }
   std::string traceFile(const char* name) const {
@@ -291,7 +280,7 @@ TEST_F(NUVSysTraceTest, RotationKeepsExactlyCountFilesWithinTheSize) {
   }
 }
 
-TEST_F(NUVSysTraceFaults, FileWriteFailureDropsCountsReportsOnceThenRecovers) {
+TEST_F(NUVSysTraceFaults, WriteFailuresDropCountReportOnceThenRecover) {
   ASSERT_EQ(0, NUVSysTraceConfigure__(("--name Full --level info --sink file --directory " + dir_).c_str()));
   NUVSysTrace* t = NUVSysTraceCreate__("Full");
   NUVSysTraceError__(t, "before");  // error lines are written at once
@@ -320,11 +309,10 @@ TEST_F(NUVSysTraceFaults, FileWriteFailureDropsCountsReportsOnceThenRecovers) {
   EXPECT_NE(npos, lines[1].find("Full WARNING: 4 lines dropped while the file could not be written"));
   EXPECT_NE(npos, lines[2].find("ERROR: after"));
   NUVSysTraceDestroy__(t);
-}
 
-TEST_F(NUVSysTraceFaults, StreamFailuresCountPerSink) {
+  // The standard streams count a lost line once per sink.
   ASSERT_EQ(0, NUVSysTraceConfigure__("--name Streams --level info --sink stdout+stderr"));
-  NUVSysTrace* t = NUVSysTraceCreate__("Streams");
+  t = NUVSysTraceCreate__("Streams");
   testing::internal::CaptureStderr();
   {
     Fault<&SysCalls::write> closed(EBADF, -1, 1, Fault<&SysCalls::write>::kAlways);
