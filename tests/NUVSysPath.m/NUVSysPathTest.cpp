@@ -345,12 +345,8 @@ TEST(NUVSysPathFaults, CallFailuresAreConverted) {
   const Case kCases[] = {
       {"mktemp", [&] { Fault<&SysCalls::mktemp> f(EINVAL, nullptr); return NUVSysPath::GetTempFilePath(name, "job"); },
        static_cast<int>(0x80070016u)},
-      {"mkstemp", [&] {
-         Fault<&SysCalls::mkstemp> f(EACCES, -1);
-         const int rc = NUVSysPath::CreateTempFile(name, fd);
-         EXPECT_EQ(-1, fd);
-         return rc;
-       }, kEACCES},
+      {"mkstemp", [&] { Fault<&SysCalls::mkstemp> f(EACCES, -1); return NUVSysPath::CreateTempFile(name, fd); },
+       kEACCES},
       {"stat64", [&] { Fault<&SysCalls::stat64> f(EIO, -1); return file().Stat(st, 1); }, kEIO},
       {"access read", [&] { Fault<&SysCalls::access> f(EACCES, -1); return int(file().CanRead()); }, 0},
       {"access write", [&] { Fault<&SysCalls::access> f(EACCES, -1); return int(file().CanWrite()); }, 0},
@@ -371,22 +367,15 @@ TEST(NUVSysPathFaults, CallFailuresAreConverted) {
        kEACCES},
       {"readdir in the tree", [&] { Fault<&SysCalls::readdir> f(EIO, nullptr); return removeT(); }, kEIO},
       {"unlink in the tree", [&] { Fault<&SysCalls::unlink> f(EBUSY, -1); return removeT(); }, kEBUSY},
-      {"lstat64 of an entry of unknown type", [&] {
-         Fault<&SysCalls::lstat64> f(EIO, -1, /*nth=*/2);
-         return untyped(removeT);
-       }, kEIO},
+      {"lstat64 of an entry of unknown type",
+       [&] { Fault<&SysCalls::lstat64> f(EIO, -1, /*nth=*/2); return untyped(removeT); }, kEIO},
       {"mkdir", [&] { Fault<&SysCalls::mkdir> f(EACCES, -1); return dir.in("n").MakeDir(); }, kEACCES},
       {"mkdir of a parent", [&] { Fault<&SysCalls::mkdir> f(EACCES, -1, 2, kAlways); return dir.in("n/m").MakeDir(); },
        kEACCES},
       {"exists, but not as a directory",
        [&] { Fault<&SysCalls::mkdir> f(EEXIST, -1, 1, kAlways); return dir.in("n").MakeDir(); }, kEEXIST},
       {"mkdir after its parents", [&] {
-         long calls;
-         {
-           Fault<&SysCalls::mkdir> count;
-           dir.in("p/q").MakeDir();
-           calls = count.calls();
-         }
+         const long calls = [&] { Fault<&SysCalls::mkdir> count; dir.in("p/q").MakeDir(); return count.calls(); }();
          dir.in("p").Remove(1);
          Fault<&SysCalls::mkdir> f(EACCES, -1, /*nth=*/calls);
          return dir.in("p/q").MakeDir();
@@ -398,6 +387,7 @@ TEST(NUVSysPathFaults, CallFailuresAreConverted) {
     EXPECT_EQ(c.expected, c.run());
     removeT();
   }
+  EXPECT_EQ(-1, fd);  // from the failed mkstemp
   // With that readdir and no failure, the tree still goes: entries of unknown
   // type are looked at with lstat, and directories among them entered.
   makeTree();
