@@ -1,7 +1,6 @@
 #include "NUVSysDirectoryIterator.h"
 
 #include <gtest/gtest.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
