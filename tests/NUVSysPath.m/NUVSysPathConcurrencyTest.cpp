@@ -19,19 +19,19 @@ namespace {
 constexpr int kThreads = 8;
 constexpr int kRounds = 10;
 
-using Getter = const char* (*)();
-constexpr Getter kGetters[] = {NUVSysPathImplGetHomeDirectoryPathA, NUVSysPathImplGetDocumentDirectoryPathA,
-                               NUVSysPathImplGetTemporaryDirectoryPathA,
-                               NUVSysPathImplGetResourceDirectoryPathA};
-constexpr const char* kExpected[] = {"/home/racer/", "/home/racer/", "/tmp", "/opt/first"};
-constexpr int kGetterCount = 4;
+const struct { const char* (*get)(); const char* expected; } kCaches[] = {
+    {NUVSysPathImplGetHomeDirectoryPathA, "/home/racer/"},
+    {NUVSysPathImplGetDocumentDirectoryPathA, "/home/racer/"},
+    {NUVSysPathImplGetTemporaryDirectoryPathA, "/tmp"},
+    {NUVSysPathImplGetResourceDirectoryPathA, "/opt/first"}};
+constexpr int kCacheCount = 4;
 
 void raceOnce() {
   setEnv("HOME", "/home/racer/");
   setEnv("KELInstallPath", "/opt/first:/opt/second");
   std::atomic<int> ready{0};
   std::atomic<bool> go{false};
-  const char* seen[kThreads][kGetterCount] = {};
+  const char* seen[kThreads][kCacheCount] = {};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -39,10 +39,7 @@ void raceOnce() {
       while (!go.load(std::memory_order_acquire)) std::this_thread::yield();
       // Each thread starts at a different cache, so that every cache is
       // raced for by some threads while others fill the next one.
-      for (int k = 0; k < kGetterCount; ++k) {
-        const int g = (k + t) % kGetterCount;
-        seen[t][g] = kGetters[g]();
-      }
+      for (int k = 0; k < kCacheCount; ++k) seen[t][(k + t) % kCacheCount] = kCaches[(k + t) % kCacheCount].get();
       NUVSysPath("/race").PrintInTrace("race", 4);
     });
   }
@@ -50,10 +47,10 @@ void raceOnce() {
   go.store(true, std::memory_order_release);
   for (std::thread& th : threads) th.join();
   int bad = 0;
-  for (int g = 0; g < kGetterCount; ++g) {
+  for (int c = 0; c < kCacheCount; ++c) {
     for (int t = 0; t < kThreads; ++t) {
-      if (seen[t][g] != seen[0][g] || seen[t][g] == nullptr || std::strcmp(seen[t][g], kExpected[g]) != 0) {
-        std::fprintf(stderr, "cache %d, thread %d: %s\n", g, t, seen[t][g] ? seen[t][g] : "(null)");
+      if (seen[t][c] != seen[0][c] || seen[t][c] == nullptr || std::strcmp(seen[t][c], kCaches[c].expected) != 0) {
+        std::fprintf(stderr, "cache %d, thread %d: %s\n", c, t, seen[t][c] ? seen[t][c] : "(null)");
         ++bad;
       }
     }

@@ -4,13 +4,13 @@
 // they write.
 #include "NUVSysTrace.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kThreads = 8;
 constexpr int kLines = 2000;
+constexpr char kPad[] = "--------------------------------------------------------------------------------";
 
 // Checks that `text` is kThreads * kLines whole lines "... Threads INFO:
 // w<thread> <seq> <padding>", each thread's sequence complete and in order.
@@ -65,10 +66,9 @@ TEST(NUVSysTraceConcurrency, EightWritersGiveWholeLinesAndLoseNone) {
       NUVSysTrace* t = NUVSysTraceCreate__("Threads");
       NUVSysTrace* toggle = NUVSysTraceCreate__("Toggle");
       ready.fetch_add(1);
-      while (ready.load() < kThreads + 1) {
-      }
+      while (ready.load() < kThreads + 1) std::this_thread::yield();
       for (int i = 0; i < kLines; ++i) {
-        NUVSYSTRACE_INFO(t, "w%d %d %.*s.", w, i, 20 + (i * 7 + w) % 60, "----------------------------------------------------------------------");
+        NUVSYSTRACE_INFO(t, "w%d %d %.*s.", w, i, 20 + (i * 7 + w) % 60, kPad);
         NUVSYSTRACE_INFO(toggle, "w%d %d", w, i);
       }
       NUVSysTraceDestroy__(toggle);
@@ -92,18 +92,13 @@ TEST(NUVSysTraceConcurrency, EightWritersGiveWholeLinesAndLoseNone) {
   NUVSysTrace* t = NUVSysTraceCreate__("Threads");
   EXPECT_EQ(0u, NUVSysTraceGetDropped__(t));
   NUVSysTraceDestroy__(t);
-  const std::string path = dir + "/Threads." + std::to_string(getpid()) + ".trace";
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(dir + "/Threads." + std::to_string(getpid()) + ".trace", std::ios::binary);
   EXPECT_TRUE(allLinesWhole(std::string(std::istreambuf_iterator<char>(in), {})));
   std::string ring(NUVSysTraceReadMemory__(nullptr, 0) + 1, '\0');
   ring.resize(NUVSysTraceReadMemory__(ring.data(), ring.size()));
   EXPECT_TRUE(allLinesWhole(ring));
 
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) unlink((dir + "/" + e->d_name).c_str());
-    closedir(d);
-  }
-  rmdir(dir.c_str());
+  std::filesystem::remove_all(dir);
   setEnv("KELTraceRing", nullptr);
   NUVSysTraceConfigure__(nullptr);
 }
