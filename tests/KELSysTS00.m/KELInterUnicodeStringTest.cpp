@@ -53,10 +53,7 @@ TEST(KELInterUnicodeString, EveryEmptyResultIsTheOneEmptyStringAndItsCountNeverM
       {"Pack of empty", empty->Pack()},
       {"empty + empty", empty->Append(empty)},
   };
-  for (const auto& [label, r] : results) {
-    SCOPED_TRACE(label);
-    EXPECT_EQ(r, empty);
-  }
+  for (const auto& [label, r] : results) EXPECT_EQ(r, empty) << label;
   for (int i = 0; i < 100; ++i) {
     empty->AddRef();
     EXPECT_EQ(empty->Release(), -1);

@@ -114,10 +114,7 @@ TEST(KELUnicodeString, EveryEmptyResultIsTheSharedEmptyString) {
       {"BuildFromCodePoint count 0", repeated},
       {"moved-from", moved},  // NOLINT(bugprone-use-after-move): a moved-from string is empty
   };
-  for (const auto& [label, r] : results) {
-    SCOPED_TRACE(label);
-    EXPECT_EQ(rep(r), emptyRep());
-  }
+  for (const auto& [label, r] : results) EXPECT_EQ(rep(r), emptyRep()) << label;
   EXPECT_EQ(emptyRep()->GetRefCount(), 1);
 }
 
