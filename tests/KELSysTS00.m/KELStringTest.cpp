@@ -49,10 +49,8 @@ const char kBanner[] =
 TEST(KELStringTest, DevelopmentStageRefusesNonPrintableTextWithAWarning) {
   if (std::getenv("KELStringWarningSuppress") != nullptr) GTEST_SKIP() << "warnings suppressed here";
   DevStage on(1);
-  const struct {
-    const char* text;
-    int position;  // 0: printable
-  } cases[] = {{"caf\xE9", 4}, {"\x7F", 1}, {"a\x01z", 2}, {"tab\tcr\rlf\n ~", 0}, {"", 0}};
+  const struct { const char* text; int position; } cases[] = {  // position 0: printable
+     {"caf\xE9", 4}, {"\x7F", 1}, {"a\x01z", 2}, {"tab\tcr\rlf\n ~", 0}, {"", 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const std::string expect = c.position ? warning(c.position, c.text) : "";
@@ -76,14 +74,10 @@ TEST(KELStringTest, DevelopmentStageRefusesNonPrintableTextWithAWarning) {
 // children.
 TEST(KELStringDeathTest, StageAndSuppressionAsReadFromTheEnvironment) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const struct {
-    const char* stage;
-    const char* suppress;
-    const char* expected;  // what the child reports on stderr (stdout joined to it)
-  } cases[] = {{nullptr, nullptr, "code '4' does not map.*<0>$"},
-               {"false", nullptr, "code '4' does not map.*<0>$"},
-               {nullptr, "1", "^<0>$"},
-               {"FALSE", nullptr, "^<4>$"}};
+  // What the child reports on stderr (stdout joined to it).
+  const struct { const char *stage, *suppress, *expected; } cases[] = {
+      {nullptr, nullptr, "code '4' does not map.*<0>$"}, {"false", nullptr, "code '4' does not map.*<0>$"},
+      {nullptr, "1", "^<0>$"}, {"FALSE", nullptr, "^<4>$"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
     setEnv("KELDevelopmentStage", c.stage);
@@ -102,12 +96,7 @@ TEST(KELStringDeathTest, StageAndSuppressionAsReadFromTheEnvironment) {
 }
 
 TEST(KELStringTest, Utf16TextIsBroughtToBytesOnFirstUse) {
-  const struct {
-    std::u16string units;
-    int stage;
-    std::string bytes;
-    bool banner;
-  } cases[] = {
+  const struct { std::u16string units; int stage; std::string bytes; bool banner; } cases[] = {
       {u"\u0141", 1, "A", false},            // only the low byte is looked at
       {u"a\u0100b", 1, std::string("a\0b", 3), false},
       {u"\u007F", 0, "\x7F", true},          // 127 fails the narrow test: through the code page
@@ -129,7 +118,7 @@ TEST(KELStringTest, Utf16TextIsBroughtToBytesOnFirstUse) {
   }
 }
 
-TEST(KELStringTest, CopiesAndMovesBetweenTheTwoClasses) {
+TEST(KELStringTest, ConstructionCopiesAndMoves) {
   KELUnicodeString u(u"abc");
   Rep* block = u._GetRepresentation();
   KELString copied(u);
@@ -140,14 +129,10 @@ TEST(KELStringTest, CopiesAndMovesBetweenTheTwoClasses) {
   EXPECT_EQ(1, block->GetRefCount());
   EXPECT_EQ(u"abc", moved.getUnicodeString().ToU16String());
   moved = KELUnicodeString(u"xyz");
-  EXPECT_EQ("xyz", str(moved));
-  KELString a("text");
-  KELString b(std::move(a));
-  EXPECT_TRUE(a.IsNull());
-  EXPECT_EQ("text", str(b));
-}
+  KELString b(std::move(moved));
+  EXPECT_TRUE(moved.IsNull());  // NOLINT(bugprone-use-after-move): a moved-from string is empty
+  EXPECT_EQ("xyz", str(b));
 
-TEST(KELStringTest, ConstructionAndKELSysUTF8Str) {
   DevStage on(1);
   EXPECT_EQ(Rep::_KELSysEmptyStringPtr, repOf(KELString(static_cast<const char*>(nullptr))));
   EXPECT_EQ(Rep::_KELSysEmptyStringPtr, repOf(KELString("")));
@@ -159,18 +144,7 @@ TEST(KELStringTest, ConstructionAndKELSysUTF8Str) {
   EXPECT_EQ(repOf(ab), repOf(KELString(ab, 1)));
   EXPECT_TRUE(KELString(ab, 0).IsNull());
 
-  KELString s("old");
-  char bad[] = "\xE9t\xE9", empty[] = "";
-  EXPECT_EQ(0, KELSysUTF8Str(&s, bad));  // any bytes, no warning, even in the stage
-  EXPECT_EQ("\xE9t\xE9", str(s));
-  EXPECT_EQ(0, KELSysUTF8Str(&s, nullptr));
-  EXPECT_EQ(0, KELSysUTF8Str(nullptr, bad));
-  EXPECT_EQ("\xE9t\xE9", str(s));
-  EXPECT_EQ(E_FAIL, KELSysUTF8Str(&s, empty));
-  EXPECT_TRUE(s.IsNull());
-}
-
-TEST(KELStringTest, NullHandleIsReportedAndTreatedAsEmpty) {
+  // A null handle is reported and treated as empty.
   alignas(KELString) unsigned char raw[sizeof(KELString)] = {};
   KELString& null = *reinterpret_cast<KELString*>(raw);
   testing::internal::CaptureStderr();
@@ -182,19 +156,36 @@ TEST(KELStringTest, NullHandleIsReportedAndTreatedAsEmpty) {
   null.~KELString();
 }
 
-TEST(KELStringTest, Comparison) {
+// KELSysUTF8Str takes any bytes, with no warning even in the stage.
+TEST(KELStringTest, KELSysUTF8StrComparisonAndHashKey) {
+  DevStage on(1);
+  KELString s("old");
+  char bad[] = "\xE9t\xE9", empty[] = "";
+  EXPECT_EQ(0, KELSysUTF8Str(&s, bad));
+  EXPECT_EQ("\xE9t\xE9", str(s));
+  EXPECT_EQ(0, KELSysUTF8Str(&s, nullptr));
+  EXPECT_EQ(0, KELSysUTF8Str(nullptr, bad));
+  EXPECT_EQ("\xE9t\xE9", str(s));
+  EXPECT_EQ(-23, s.Compare(static_cast<const char*>(nullptr)));  // signed
+  EXPECT_EQ(E_FAIL, KELSysUTF8Str(&s, empty));
+  EXPECT_TRUE(s.IsNull());
+
   const KELString abc("abc");
   EXPECT_EQ('a', abc.Compare(static_cast<const char*>(nullptr)));
-  KELString high;
-  KELSysUTF8Str(&high, const_cast<char*>("\xE9"));
-  EXPECT_EQ(-23, high.Compare(static_cast<const char*>(nullptr)));  // signed
   EXPECT_TRUE(abc == "abc" && "abc" == abc && abc != "abd" && "abd" != abc);
   EXPECT_TRUE(abc < "abd" && "ab" < abc && abc <= abc && abc >= "abc" && "b" > abc && abc > KELString("ab"));
-  const struct {
-    const char *a, *b;
-    int result;
-  } byCase[] = {{"Abc", "aBC", 2}, {"abc", "abc", 1}, {"abc", "abd", 0}, {"ab", "abc", 0}, {"", "", 1}, {"A", "", 0}};
+  const struct { const char *a, *b; int result; } byCase[] = {
+      {"Abc", "aBC", 2}, {"abc", "abc", 1}, {"abc", "abd", 0}, {"ab", "abc", 0}, {"", "", 1}, {"A", "", 0}};
   for (const auto& c : byCase) EXPECT_EQ(c.result, KELString(c.a).CompareByCase(c.b)) << c.a << " " << c.b;
+
+  // The hash key is the xor of the little-endian 32-bit words.
+  const struct { std::string text; unsigned key; } keys[] = {
+      {"", 0}, {"abcd", 0x64636261}, {"abcdefg", 0x64636261 ^ 0x676665}, {"abcdabcd", 0},
+      {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'}, {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
+  for (const auto& c : keys) {
+    KELSysUTF8Str(&s, const_cast<char*>(c.text.c_str()));
+    EXPECT_EQ(c.key, s.ComputeHashKey()) << c.text;
+  }
 }
 
 template <class Number>
@@ -204,7 +195,7 @@ std::string appended(Number v) {
   return str(s);
 }
 
-TEST(KELStringTest, AppendingNumbersUsesTheFixedFormats) {
+TEST(KELStringTest, AppendsUseFixedFormatsGrowExactlyAndSurviveTheirOwnText) {
   EXPECT_EQ("=1", appended(4294967297L));   // "%d": the low 32 bits
   EXPECT_EQ("=44", appended(','));          // a char is an int: its code
   EXPECT_EQ("=5", appended(4294967301UL));  // "%u"
@@ -212,9 +203,7 @@ TEST(KELStringTest, AppendingNumbersUsesTheFixedFormats) {
   EXPECT_EQ("=18446744073709551615", appended(ULLONG_MAX));
   EXPECT_EQ("=4294967295", appended(4294967295u));
   EXPECT_EQ("=-2147483648", appended(INT_MIN));
-}
 
-TEST(KELStringTest, AppendsGrowExactlyAndSurviveTheirOwnText) {
   KELString s("abc");
   s += s;
   EXPECT_EQ("abcabc", str(s));
@@ -236,16 +225,13 @@ TEST(KELStringTest, AppendsGrowExactlyAndSurviveTheirOwnText) {
 
 // The fuzz target kelstring_model checks search, replacement, substring and
 // strip against a model; here the results a caller would not guess.
-TEST(KELStringTest, SearchAndEditingBoundaries) {
+TEST(KELStringTest, SearchEditingResizeStripAndCaseBoundaries) {
   const KELString s("abcab");
   EXPECT_EQ(5, s.FindPosition("", 5));
   EXPECT_EQ(-1, s.index("abcabc"));  // longer than the string
-  const struct {
-    const char* text;
-    int start, len;
-    const char *by, *result;
-  } cases[] = {{"abc", 3, 0, "d", "abcd"}, {"abc", 4, 0, "d", "abc"},  {"", 0, 0, "d", ""},
-               {"abc", 1, 5, "", "abc"},   {"abc", 1, 5, "abcdefgh", "aabcde"}};  // length - len + by, cut
+  const struct { const char* text; int start, len; const char *by, *result; } cases[] = {
+      {"abc", 3, 0, "d", "abcd"}, {"abc", 4, 0, "d", "abc"}, {"", 0, 0, "d", ""},
+      {"abc", 1, 5, "", "abc"}, {"abc", 1, 5, "abcdefgh", "aabcde"}};  // length - len + by, cut
   for (const auto& c : cases) {
     KELString r(c.text);
     EXPECT_EQ(c.result, str(r.ReplaceSubString(c.start, c.len, c.by))) << c.text << " " << c.start << "," << c.len;
@@ -260,25 +246,19 @@ TEST(KELStringTest, SearchAndEditingBoundaries) {
   EXPECT_EQ(repOf(s), repOf(s.SubString(ULONG_MAX, 2)));
   EXPECT_EQ("ca", str(s.SubString(2, 2)));
   EXPECT_TRUE(KELString().SubString(0, 1).IsNull());
-}
+  EXPECT_EQ('b', s[1]);
+  EXPECT_EQ('\0', s[5]);
+  EXPECT_EQ('\0', s[-1]);
 
-TEST(KELStringTest, ResizeStripCaseAndIndex) {
-  const struct {
-    int n, truncate;
-    const char* result;
-  } sizes[] = {{5, 0, "abc.."}, {2, 0, "abc"}, {2, 1, "ab"}, {-1, 1, ""}};
+  const struct { int n, truncate; const char* result; } sizes[] = {{5, 0, "abc.."}, {2, 0, "abc"}, {2, 1, "ab"}, {-1, 1, ""}};
   for (const auto& c : sizes) {
-    KELString s("abc");
-    EXPECT_EQ(c.result, str(s.Resize(c.n, '.', c.truncate))) << c.n << "," << c.truncate;
+    KELString t("abc");
+    EXPECT_EQ(c.result, str(t.Resize(c.n, '.', c.truncate))) << c.n << "," << c.truncate;
   }
   EXPECT_EQ("ab--", str(KELString("ab").pad(4, '-', 0)));
   EXPECT_EQ("ab", str(KELString("xxaxbxx").Strip(KELStripAll, 'x')));
   EXPECT_TRUE(KELString("xxx").Strip(KELStripBoth, 'x').IsNull());
   EXPECT_EQ("a  ", str(KELString("  a  ").strip(' '))) << "the lower-case name strips leading bytes only";
-  const KELString s("ab");
-  EXPECT_EQ('b', s[1]);
-  EXPECT_EQ('\0', s[2]);
-  EXPECT_EQ('\0', s[-1]);
   KELString up("MiXed 1");
   const KELString shared(up);
   EXPECT_EQ("MIXED 1", str(up.ToUpper()));
@@ -286,36 +266,15 @@ TEST(KELStringTest, ResizeStripCaseAndIndex) {
   EXPECT_EQ("MiXed 1", str(shared));
 }
 
-TEST(KELStringTest, HashKeyIsTheXorOfLittleEndianWords) {
-  const struct {
-    std::string text;
-    unsigned key;
-  } cases[] = {{"", 0}, {"abcd", 0x64636261}, {"abcdefg", 0x64636261 ^ 0x676665}, {"abcdabcd", 0},
-               {std::string(32, 'a') + "abcdX", 0x64636261 ^ 'X'}, {"\xFF\xFF\xFF\xFF\x01", 0xFFFFFFFE}};
-  for (const auto& c : cases) {
-    KELString s;
-    KELSysUTF8Str(&s, const_cast<char*>(c.text.c_str()));
-    EXPECT_EQ(c.key, s.ComputeHashKey()) << c.text;
-  }
-}
-
 TEST(KELStringTest, ReadLineAndStreamOutput) {
   const std::string long200(200, 'L');
-  const struct {
-    std::string input;
-    int skip;
-    const char* first;  // the line read
-    bool good;          // the stream after it
-    int next;           // the next character left, or EOF
-  } cases[] = {
-      {long200 + "\nrest", 0, nullptr, true, 'r'},
-      {std::string(79, 'a') + "\nz", 0, nullptr, true, 'z'},
-      {"a\r\nb", 0, "a\r", true, 'b'},
-      {"last", 0, "last", false, EOF},
-      {"\nnext", 0, "", false, EOF},     // an empty line reads nothing and fails the stream
-      {"\n \t next\n", 1, "next", true, EOF},
-      {"   ", 1, "", false, EOF},
-  };
+  // The line read (null: the input's first line), the stream after it, the
+  // next character left (or EOF).
+  const struct { std::string input; int skip; const char* first; bool good; int next; } cases[] = {
+      {long200 + "\nrest", 0, nullptr, true, 'r'}, {std::string(79, 'a') + "\nz", 0, nullptr, true, 'z'},
+      {"a\r\nb", 0, "a\r", true, 'b'}, {"last", 0, "last", false, EOF},
+      {"\nnext", 0, "", false, EOF},  // an empty line reads nothing and fails the stream
+      {"\n \t next\n", 1, "next", true, EOF}, {"   ", 1, "", false, EOF}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.input);
     std::istringstream in(c.input);

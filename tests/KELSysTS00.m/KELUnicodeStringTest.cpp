@@ -103,7 +103,7 @@ TEST(KELUnicodeString, EveryEmptyResultIsTheSharedEmptyString) {
   replaced.ReplaceSubString(ucs(u"a"), KELUnicodeString());
   repeated.BuildFromCodePoint('a', 0);
   const KELUnicodeString taker(std::move(moved));
-  const std::vector<std::pair<const char*, KELUnicodeString>> results = {
+  const std::pair<const char*, KELUnicodeString> results[] = {
       {"default", KELUnicodeString()},
       {"empty literal", mbcs("")},
       {"null text", KELUnicodeString(static_cast<const char*>(nullptr))},
@@ -114,10 +114,7 @@ TEST(KELUnicodeString, EveryEmptyResultIsTheSharedEmptyString) {
       {"BuildFromCodePoint count 0", repeated},
       {"moved-from", moved},  // NOLINT(bugprone-use-after-move): a moved-from string is empty
   };
-  for (const auto& [label, r] : results) {
-    SCOPED_TRACE(label);
-    EXPECT_EQ(rep(r), emptyRep());
-  }
+  for (const auto& [label, r] : results) EXPECT_EQ(rep(r), emptyRep()) << label;
   EXPECT_EQ(emptyRep()->GetRefCount(), 1);
 }
 
@@ -214,10 +211,7 @@ TEST(KELUnicodeString, ConversionsOut) {
 
 TEST(KELUnicodeString, ComparisonByUnitsAndWithoutCase) {
   // Across the forms: the corpora's round trips.
-  struct Case {
-    const char16_t *a, *b;
-    int compare, noCase;
-  } const cases[] = {
+  const struct { const char16_t *a, *b; int compare, noCase; } cases[] = {
       {u"abc", u"abd", -1, -1},
       {u"ab", u"abc", -1, -1},
       {u"\u00C9COLE", u"\u00E9cole", -1, 0},
@@ -227,7 +221,7 @@ TEST(KELUnicodeString, ComparisonByUnitsAndWithoutCase) {
       {u"\uFFFF", u"\U00010000", 1, 1},              // by code units: the pair sorts first
       {u"K", u"\u212A", -1, 0},                       // KELVIN SIGN folds to k
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << std::u16string(c.a).size() << " units vs " << std::u16string(c.b).size());
     const KELUnicodeString a = ucs(c.a), b = ucs(c.b);
     EXPECT_EQ(a.Compare(b), c.compare);
@@ -238,16 +232,14 @@ TEST(KELUnicodeString, ComparisonByUnitsAndWithoutCase) {
 }
 
 TEST(KELUnicodeString, CaseMappingIsFullSimpleMapping) {
-  struct Case {
-    const char16_t *in, *upper, *lower;
-  } const cases[] = {
+  const struct { const char16_t *in, *upper, *lower; } cases[] = {
       {u"\u00E9t\u00E9 \u00FF", u"\u00C9T\u00C9 \u0178", u"\u00E9t\u00E9 \u00FF"},
       {u"stra\u00DFe", u"STRA\u00DFE", u"stra\u00DFe"},  // ß has no simple uppercase
       {u"\u0130I", u"\u0130I", u"ii"},                    // İ lowers to i (simple mapping)
       {u"\u01C6\u01C5", u"\u01C4\u01C4", u"\u01C6\u01C6"},
       {u"\u24D0\uFF41", u"\u24B6\uFF21", u"\u24D0\uFF41"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(KELUnicodeString(std::u16string_view(c.in)).ConvertToUTF8());
     KELUnicodeString up = ucs(c.in), low = ucs(c.in);
     EXPECT_EQ(text(up.ToUpper()), c.upper);
@@ -333,8 +325,6 @@ TEST(KELUnicodeStringConcurrency, SharedCopiesReadAndChangedByFourThreads) {
           KELUnicodeString mine(copy);
           mine += static_cast<char16_t>(u'a' + t);
           mine.ToUpper();
-          KELUnicodeString other = shared;
-          other.Insert(0, mine).Remove(0, 1);
           ok = ok && mine.GetLengthInChar() == length + 1 && mine[length] == u'A' + t &&
                shared.ToU16StringView() == units && copy == shared;
           if (!ok) failures.fetch_add(1);

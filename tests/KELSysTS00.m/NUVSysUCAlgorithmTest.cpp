@@ -79,7 +79,7 @@ TEST(NUVSysUCAlgorithm, MixedTextAgreesAcrossForms) {
   }
 }
 
-TEST(NUVSysUCAlgorithm, LenientDecodingAndSurrogateArithmetic) {
+TEST(NUVSysUCAlgorithm, LenientDecodingSurrogateArithmeticAndLegacyStatuses) {
   const struct { const char* bytes; U16 units; } kCases[] = {
       {"\xFF", {0x00FF}},                 // invalid lead passes through
       {"\x80\xBF", {0x0080, 0x00BF}},     // stray continuation bytes too
@@ -97,6 +97,26 @@ TEST(NUVSysUCAlgorithm, LenientDecodingAndSurrogateArithmetic) {
   EXPECT_EQ("\xED\xB0\x80", ours16to8({0xDC00}));
   // A high surrogate at the very end pairs with a zero unit and stops there.
   EXPECT_EQ(ours16to8({0xD83D, 0}), ours16to8({0xD83D}));
+
+  // The legacy decoder: its statuses and what it writes.
+  const struct { std::string bytes; int status, n; U16 units; } cases[] = {
+      {"\xF0\x9F\x98\x80", 0, 1, {'?'}},  // beyond the BMP
+      {"\xE2", -2, 0, {}},                 // cut
+      {"ab\xF0\x9F", -2, 2, {'a', 'b'}},
+      {"\xC3", 0, 1, {(0xC3u << 6) - 0x3080u}},  // a two-byte lead last reads the terminating NUL
+      {"a\xC3\xA9\xE2\x82\xAC", 0, 3, {'a', 0xE9, 0x20AC}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    U16 out(16);
+    int n = -7;
+    EXPECT_EQ(c.status, Alg::ConvertUTF8ToUCS2Legacy(c.bytes.c_str(), c.bytes.size(), out.data(), &n));
+    EXPECT_EQ(c.n, n);
+    EXPECT_EQ(c.units, U16(out.begin(), out.begin() + static_cast<long>(c.units.size())));
+  }
+  int n = -7;
+  EXPECT_EQ(-1, Alg::ConvertUTF8ToUCS2Legacy("abc", 3, nullptr, &n));
+  EXPECT_EQ(-7, n);  // untouched on -1
 }
 
 // One call of the bounded converters: what it returns and writes, and where
@@ -192,27 +212,6 @@ TEST(NUVSysUCAlgorithm, TinyCapacitiesStayInBounds) {
   }
 }
 
-TEST(NUVSysUCAlgorithm, LegacyDecoderStatuses) {
-  const struct { std::string bytes; int status, n; U16 units; } cases[] = {
-      {"\xF0\x9F\x98\x80", 0, 1, {'?'}},  // beyond the BMP
-      {"\xE2", -2, 0, {}},                 // cut
-      {"ab\xF0\x9F", -2, 2, {'a', 'b'}},
-      {"\xC3", 0, 1, {(0xC3u << 6) - 0x3080u}},  // a two-byte lead last reads the terminating NUL
-      {"a\xC3\xA9\xE2\x82\xAC", 0, 3, {'a', 0xE9, 0x20AC}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.bytes);
-    U16 out(16);
-    int n = -7;
-    EXPECT_EQ(c.status, Alg::ConvertUTF8ToUCS2Legacy(c.bytes.c_str(), c.bytes.size(), out.data(), &n));
-    EXPECT_EQ(c.n, n);
-    EXPECT_EQ(c.units, U16(out.begin(), out.begin() + static_cast<long>(c.units.size())));
-  }
-  int n = -7;
-  EXPECT_EQ(-1, Alg::ConvertUTF8ToUCS2Legacy("abc", 3, nullptr, &n));
-  EXPECT_EQ(-7, n);  // untouched on -1
-}
-
 TEST(NUVSysUCAlgorithm, ValidationAndCharacterLength) {
   const struct { std::string bytes; int isUtf8; } kCases[] = {
       {"", 0}, {"plain", 0}, {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", 0},
@@ -234,14 +233,13 @@ TEST(NUVSysUCAlgorithm, ValidationAndCharacterLength) {
 }
 
 TEST(NUVSysUCAlgorithm, V2HashesKeepTheirAsymmetries) {
-  const unsigned short none[1] = {0};
+  const unsigned short none[1] = {0}, ab[] = {'a', 'b'};
   EXPECT_EQ(1u, Alg::HashV2UCS2(none, 0));
-  EXPECT_EQ(0u, Alg::HashV2MBCS("", 0));
-  EXPECT_EQ(0x7FFFFF80u, Alg::HashV2MBCS("\x80", 1));  // signed bytes
-  EXPECT_EQ(1u, Alg::HashV2UCS2(none, 1));             // zero accumulator gives 1
-  EXPECT_EQ(0u, Alg::HashV2MBCS("\0", 1));
-  const unsigned short ab[] = {'a', 'b'};
+  EXPECT_EQ(1u, Alg::HashV2UCS2(none, 1));  // zero accumulator gives 1
   EXPECT_EQ(3687u, Alg::HashV2UCS2(ab, 2));
+  EXPECT_EQ(0u, Alg::HashV2MBCS("", 0));
+  EXPECT_EQ(0u, Alg::HashV2MBCS("\0", 1));
+  EXPECT_EQ(0x7FFFFF80u, Alg::HashV2MBCS("\x80", 1));  // signed bytes
 
   // From 400 items on, only every (n >> 6)-th item counts.
   U16 big(1000, 'x');
