@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,11 +24,13 @@ void* val(uintptr_t i) { return reinterpret_cast<void*>(i); }
 
 struct Shape { bool blocking; int capacity; };
 const Shape kShapes[] = {{false, 0}, {true, 0}, {true, 3}, {false, 3}};
+template <class S>
+std::string shape(const S& s) { return "blocking " + std::to_string(s.blocking) + ", capacity " + std::to_string(s.capacity); }
 
 TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
   for (bool blocking : {false, true}) EXPECT_EQ(nullptr, make(blocking, -1));
   for (const Shape& s : kShapes) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity);
     ASSERT_NE(nullptr, q);
     const bool bounded = s.capacity > 0;
@@ -93,7 +95,7 @@ TEST(NUVSysTSDataQueue, BlockedCallsReturnOnlyWhenTheOtherSideActs) {
 TEST(NUVSysTSDataQueue, FirstInFirstOutWithTwoProducers) {
   constexpr uintptr_t kEach = 50000;
   for (const Shape& s : {Shape{true, 0}, Shape{true, 16}, Shape{false, 0}}) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity);
     auto produce = [&](uintptr_t producer) {
       for (uintptr_t i = 1; i <= kEach; ++i) ASSERT_EQ(1, q->PushFirst(val(producer << 32 | i), -1));
@@ -108,11 +110,9 @@ TEST(NUVSysTSDataQueue, FirstInFirstOutWithTwoProducers) {
         continue;
       }
       ASSERT_EQ(1, rc);
-      const auto bits = reinterpret_cast<uintptr_t>(v);
-      const uintptr_t producer = bits >> 32;
+      const auto bits = reinterpret_cast<uintptr_t>(v), producer = bits >> 32;
       ASSERT_TRUE(producer == 1 || producer == 2) << bits;
-      ASSERT_EQ(next[producer], bits & 0xffffffffu);
-      ++next[producer];
+      ASSERT_EQ(next[producer]++, bits & 0xffffffffu);
       ++got;
     }
     a.join();
@@ -154,13 +154,13 @@ TEST(NUVSysTSDataQueue, LastReleaseDestroysButNeverFreesValues) {
 
 using systemts::detail::SysCalls;
 
-TEST(NUVSysTSDataQueueFaults, CreationFailsWithoutItsSemaphores) {
-  // A blocking queue makes its items semaphore first; a bounded one then its
-  // space semaphore.
+// A blocking queue makes its items semaphore first; a bounded one then its
+// space semaphore. A value without a node is refused and its room given back.
+TEST(NUVSysTSDataQueueFaults, MissingSemaphoresAndNodes) {
   const struct { bool blocking; int capacity; long nth; } kCases[] = {
       {true, 0, 1}, {true, 3, 1}, {true, 3, 2}, {false, 3, 1}};
   for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::Message() << "blocking " << c.blocking << ", capacity " << c.capacity << ", init " << c.nth);
+    SCOPED_TRACE(shape(c) + ", init " + std::to_string(c.nth));
     {
       Fault<&SysCalls::semInit> f(ENOMEM, -1, c.nth);
       EXPECT_EQ(nullptr, make(c.blocking, c.capacity));
@@ -168,11 +168,8 @@ TEST(NUVSysTSDataQueueFaults, CreationFailsWithoutItsSemaphores) {
     }
     EXPECT_NE(nullptr, make(c.blocking, c.capacity));
   }
-}
-
-TEST(NUVSysTSDataQueueFaults, AValueWithoutANodeIsRefusedAndItsRoomGivenBack) {
   for (const Shape& s : kShapes) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity == 0 ? 0 : 1);
     {
       Fault<&SysCalls::alignedAlloc> f(ENOMEM, nullptr);
