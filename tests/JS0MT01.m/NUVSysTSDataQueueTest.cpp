@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FaultInjection.h"
@@ -21,6 +22,13 @@ struct Releaser {
 using Queue = std::unique_ptr<NUVSysTSDataQueue, Releaser>;
 Queue make(bool blocking, int capacity) { return Queue(NUVSysTSDataQueue::CreateEmptyQ(blocking, capacity)); }
 void* val(uintptr_t i) { return reinterpret_cast<void*>(i); }
+// PopLast's result and value; the value starts as a marker that a failed pop must clear.
+using Popped = std::pair<int, void*>;
+Popped pop(NUVSysTSDataQueue* q, int ms) {
+  void* v = val(7);
+  const int rc = q->PopLast(&v, ms);
+  return {rc, v};
+}
 
 struct Shape { bool blocking; int capacity; };
 const Shape kShapes[] = {{false, 0}, {true, 0}, {true, 3}, {false, 3}};
@@ -43,23 +51,15 @@ TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
       if (bounded) {
         EXPECT_EQ(0, q->PushFirst(val(99), s.blocking ? 20 : -1));
       }
-      for (uintptr_t i = 1; i <= room; ++i) {
-        void* v = nullptr;
-        ASSERT_EQ(1, q->PopLast(&v, 0));
-        ASSERT_EQ(val(i), v);  // in the order they went in
-      }
+      for (uintptr_t i = 1; i <= room; ++i) ASSERT_EQ(Popped(1, val(i)), pop(q.get(), 0));  // in the order they went in
       // Empty: a blocking queue times out (0), a non-blocking one gives -1 at
       // once. On a bounded one that empty pop gives a place back that its
       // semaphore refuses, so the second round finds the same bound.
-      void* v = val(7);
-      EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&v, s.blocking ? 20 : -1));
-      EXPECT_EQ(nullptr, v);
+      EXPECT_EQ(Popped(s.blocking ? 0 : -1, nullptr), pop(q.get(), s.blocking ? 20 : -1));
     }
-    void* v = val(7);
     EXPECT_EQ(-1, q->PushFirst(nullptr, 0));
     EXPECT_EQ(-1, q->PopLast(nullptr, 0));
-    EXPECT_EQ(-1, q->PopLast(&v, -2));  // on a blocking one the wait itself fails
-    EXPECT_EQ(nullptr, v);
+    EXPECT_EQ(Popped(-1, nullptr), pop(q.get(), -2));  // on a blocking one the wait itself fails
   }
 }
 
@@ -71,17 +71,13 @@ TEST(NUVSysTSDataQueue, BlockedCallsReturnOnlyWhenTheOtherSideActs) {
     EXPECT_EQ(1, q->PushFirst(val(2), -1));  // full: waits for the pop below
     EXPECT_TRUE(acted.exchange(false));
   });
-  void* v = nullptr;
   acted = true;
-  ASSERT_EQ(1, q->PopLast(&v, 0));
+  ASSERT_EQ(Popped(1, val(1)), pop(q.get(), 0));
   pusher.join();
-  EXPECT_EQ(1, q->PopLast(&v, 0));
-  EXPECT_EQ(val(2), v);
+  EXPECT_EQ(Popped(1, val(2)), pop(q.get(), 0));
   std::thread popper([&] {
-    void* got = nullptr;
-    EXPECT_EQ(1, q->PopLast(&got, 60000));  // empty: waits for the push below
+    EXPECT_EQ(Popped(1, val(5)), pop(q.get(), 60000));  // empty: waits for the push below
     EXPECT_TRUE(acted.load());
-    EXPECT_EQ(val(5), got);
   });
   acted = true;
   ASSERT_EQ(1, q->PushFirst(val(5), 0));
@@ -117,8 +113,7 @@ TEST(NUVSysTSDataQueue, FirstInFirstOutWithTwoProducers) {
     }
     a.join();
     b.join();
-    void* v = nullptr;
-    EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&v, 0));
+    EXPECT_EQ(s.blocking ? 0 : -1, pop(q.get(), 0).first);
   }
 }
 
@@ -135,16 +130,11 @@ TEST(NUVSysTSDataQueue, LastReleaseDestroysButNeverFreesValues) {
       values.push_back(std::make_unique<int>(static_cast<int>(values.size())));
       ASSERT_EQ(1, q->PushFirst(values.back().get(), 0));
     }
-    for (int i = 0; i < 150; ++i) {
-      void* v = nullptr;
-      ASSERT_EQ(1, q->PopLast(&v, 0));
-      ASSERT_EQ(values[popped++].get(), v);
-    }
+    for (int i = 0; i < 150; ++i) ASSERT_EQ(Popped(1, values[popped++].get()), pop(q, 0));
   }
   EXPECT_EQ(2, q->AddRef());
   EXPECT_EQ(1, q->Release());
-  void* v = nullptr;
-  EXPECT_EQ(1, q->PopLast(&v, 0));  // still alive after the first Release
+  EXPECT_EQ(1, pop(q, 0).first);  // still alive after the first Release
   EXPECT_EQ(0, q->Release());
   for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(static_cast<int>(i), *values[i]);
 }
@@ -179,26 +169,21 @@ TEST(NUVSysTSDataQueueFaults, MissingSemaphoresAndNodes) {
     // With capacity 1 this needs the room the failed push took; and from
     // another thread, the mutex must be free.
     std::thread([&] { EXPECT_EQ(1, q->PushFirst(val(2), 0)); }).join();
-    void* out = nullptr;
-    EXPECT_EQ(1, q->PopLast(&out, 0));
-    EXPECT_EQ(val(2), out);
-    EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&out, 0));  // the refused value is not there
+    EXPECT_EQ(Popped(1, val(2)), pop(q.get(), 0));
+    EXPECT_EQ(s.blocking ? 0 : -1, pop(q.get(), 0).first);  // the refused value is not there
   }
 }
 
 TEST(NUVSysTSDataQueueFaults, AWaitThatCannotReadTheClockIsMinusOne) {
   const Queue q = make(true, 1);
   Fault<&SysCalls::clockGetTime> f(EINVAL, -1, 1, Fault<&SysCalls::clockGetTime>::kAlways);
-  void* out = val(9);
-  EXPECT_EQ(-1, q->PopLast(&out, 100));  // empty: the wait needs a deadline
-  EXPECT_EQ(nullptr, out);
+  EXPECT_EQ(Popped(-1, nullptr), pop(q.get(), 100));  // empty: the wait needs a deadline
   EXPECT_EQ(1, q->PushFirst(val(1), 100));  // room there: no wait, no clock
   EXPECT_EQ(-1, q->PushFirst(val(2), 100));
   f.heal();
   std::thread([&] {
-    EXPECT_EQ(1, q->PopLast(&out, 100));
-    EXPECT_EQ(val(1), out);
-    EXPECT_EQ(0, q->PopLast(&out, 1));
+    EXPECT_EQ(Popped(1, val(1)), pop(q.get(), 100));
+    EXPECT_EQ(0, pop(q.get(), 1).first);
   }).join();
 }
 
