@@ -33,7 +33,9 @@ Popped pop(NUVSysTSDataQueue* q, int ms) {
 struct Shape { bool blocking; int capacity; };
 const Shape kShapes[] = {{false, 0}, {true, 0}, {true, 3}, {false, 3}};
 template <class S>
-std::string shape(const S& s) { return "blocking " + std::to_string(s.blocking) + ", capacity " + std::to_string(s.capacity); }
+std::string shape(const S& s) {
+  return "blocking " + std::to_string(s.blocking) + ", capacity " + std::to_string(s.capacity);
+}
 
 TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
   for (bool blocking : {false, true}) EXPECT_EQ(nullptr, make(blocking, -1));

@@ -19,7 +19,11 @@ namespace {
 using systemts::detail::libraryCacheView;
 using systemts::detail::SysCalls;
 
-using IntFn = int (*)();
+// What the function `symbol` of `module` returns, or -1 when it is not found.
+int call(const char* module, const char* symbol) {
+  auto fn = reinterpret_cast<int (*)()>(KELThrLibraryManager::GetFunctionAddress(module, symbol));
+  return fn != nullptr ? fn() : -1;
+}
 
 struct KELThrLibraryManagerTest : ::testing::Test {
   void SetUp() override { KELThrLibraryManager::_Cleanup(); }
@@ -51,9 +55,8 @@ TEST_F(KELThrLibraryManagerTest, AbsentModuleIsTriedOnceAndSaysWhy) {
 
 TEST_F(KELThrLibraryManagerTest, EleventhModuleGrowsTheArrayAndRecordsStaySorted) {
   // Real and absent modules alike make records; inserted out of order.
-  const char* const kNames[] = {"dlmod_07", "zz_absent", "dlmod_01", "aa_absent", "dlmod_05",
-                                "dlmod_10", "dlmod_03", "m_absent", "dlmod_09", "dlmod_02",
-                                "dlmod_00", "dlmod_04"};
+  const char* const kNames[] = {"dlmod_07", "zz_absent", "dlmod_01", "aa_absent", "dlmod_05", "dlmod_10",
+                                "dlmod_03", "m_absent",  "dlmod_09", "dlmod_02",  "dlmod_00", "dlmod_04"};
   std::vector<std::string> expected;
   for (const char* name : kNames) {
     SCOPED_TRACE(name);
@@ -92,27 +95,20 @@ TEST_F(KELThrLibraryManagerTest, SymbolsAreCachedPerModuleAndMissingOnesAskedEve
       {"dlmod_03", "dlmod_03_only", 1003}, {"dlmod_08", "dlmod_08_only", 1008},
       {"dlmod_01", "dlmod_value", 1},
   };
-  for (int round = 0; round < 2; ++round) {
-    for (const auto& c : kCases) {
-      SCOPED_TRACE(std::string(c.symbol) + "@" + c.module);
-      auto fn = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress(c.module, c.symbol));
-      ASSERT_NE(fn, nullptr);
-      EXPECT_EQ(fn(), c.value);
-    }
-  }
+  for (int round = 0; round < 2; ++round)
+    for (const auto& c : kCases) EXPECT_EQ(call(c.module, c.symbol), c.value) << c.symbol << "@" << c.module;
   EXPECT_EQ(dlsyms.calls(), 3 + 5);
-  EXPECT_EQ(libraryCacheView().symbols,
-            (std::vector<std::string>{"dlmod_03_only@dlmod_03", "dlmod_08_only@dlmod_08",
-                                      "dlmod_value@dlmod_01", "dlmod_value@dlmod_03",
-                                      "dlmod_value@dlmod_08"}));
+  EXPECT_EQ(libraryCacheView().symbols, (std::vector<std::string>{"dlmod_03_only@dlmod_03", "dlmod_08_only@dlmod_08",
+                                                                  "dlmod_value@dlmod_01", "dlmod_value@dlmod_03",
+                                                                  "dlmod_value@dlmod_08"}));
   EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_03", "dlmod_08_only"), nullptr);
 
   // The same buffer holding another name the next time gets that name's
   // address; _Cleanup forgets every found symbol, also on this thread.
   char name[32] = "dlmod_value";
-  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 8);
+  EXPECT_EQ(call("dlmod_08", name), 8);
   std::strcpy(name, "dlmod_08_only");
-  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 1008);
+  EXPECT_EQ(call("dlmod_08", name), 1008);
   const long before = dlsyms.calls();
   KELThrLibraryManager::_Cleanup();
   EXPECT_NE(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name), nullptr);
@@ -138,9 +134,7 @@ TEST_F(KELThrLibraryManagerFaults, FailedLoadIsKeptFailedLookUpIsNot) {
     Fault<&SysCalls::dlsym> failing(0, nullptr);
     EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_12", "dlmod_value"), nullptr);
   }
-  auto fn = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_12", "dlmod_value"));
-  ASSERT_NE(fn, nullptr);
-  EXPECT_EQ(fn(), 12);
+  EXPECT_EQ(call("dlmod_12", "dlmod_value"), 12);
 }
 
 TEST_F(KELThrLibraryManagerFaults, OutOfMemoryLoadsWithoutRecording) {
