@@ -52,7 +52,9 @@ TEST(KELSysSimpleHashTable, Sizes) {
 }
 
 // Growth and shrinking are followed step by step in the model tests below.
-TEST(KELSysSimpleHashTable, ReAllocateAndRemoveAll) {
+// Blocks of 32 MiB and more are placed differently inside their allocation:
+// growing into one, working in it and shrinking out of it keeps every item.
+TEST(KELSysSimpleHashTable, ReAllocateLargeBlocksAndRemoveAll) {
   Table t(0, nullptr, nullptr);  // null functions: the pointer-set ones
   for (int i = 0; i < 30; ++i) ASSERT_EQ(1, t.Insert(item(i)));
   EXPECT_EQ(47, buckets(t));      // 11, 23, 47
@@ -61,9 +63,16 @@ TEST(KELSysSimpleHashTable, ReAllocateAndRemoveAll) {
   EXPECT_EQ(0, t.ReAllocate(5));  // too few for 30: doubled as reinserting would (5, 11, 23, 47)
   EXPECT_EQ(47, buckets(t));
   for (int i = 0; i < 30; ++i) ASSERT_EQ(item(i), t.Get(i));
+  ASSERT_EQ(0, t.ReAllocate(1500000));
+  EXPECT_EQ(Table::UpToNiceModulo(1500000), buckets(t));
+  for (int i = 30; i < 200; ++i) ASSERT_EQ(1, t.Insert(item(i)));
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(item(i), t.Locate(item(i))) << i;
+  ASSERT_EQ(item(7), t.Remove(item(7)));  // shrinks to a small block
+  EXPECT_EQ(Table::UpToNiceModulo(218), buckets(t));  // 199 * 1.1
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(i == 7 ? nullptr : item(i), t.Locate(item(i))) << i;
   t.RemoveAll();  // empties without shrinking
   EXPECT_EQ(0, t.Size());
-  EXPECT_EQ(47, buckets(t));
+  EXPECT_EQ(Table::UpToNiceModulo(218), buckets(t));
   EXPECT_EQ(nullptr, t.Locate(item(3)));
 }
 
@@ -146,20 +155,6 @@ TEST(KELSysSimpleHashTable, EqualItemsChainsAndLookups) {
   EXPECT_EQ(item(d), t.Get(0));
   EXPECT_EQ(item(c), t.NextWithKey(item(b)));
   for (int i : {-1, 3}) EXPECT_EQ(nullptr, t.Get(i));
-}
-
-// Blocks of 32 MiB and more are placed differently inside their allocation:
-// growing into one, working in it and shrinking out of it keeps every item.
-TEST(KELSysSimpleHashTable, LargeBlocks) {
-  Table t(0, nullptr, nullptr);
-  for (int i = 0; i < 100; ++i) ASSERT_EQ(1, t.Insert(item(i)));
-  ASSERT_EQ(0, t.ReAllocate(1500000));
-  EXPECT_EQ(Table::UpToNiceModulo(1500000), buckets(t));
-  for (int i = 100; i < 200; ++i) ASSERT_EQ(1, t.Insert(item(i)));
-  for (int i = 0; i < 200; ++i) ASSERT_EQ(item(i), t.Locate(item(i))) << i;
-  ASSERT_EQ(item(7), t.Remove(item(7)));  // shrinks to a small block
-  EXPECT_EQ(Table::UpToNiceModulo(218), buckets(t));  // 199 * 1.1
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(i == 7 ? nullptr : item(i), t.Locate(item(i))) << i;
 }
 
 // ---- failures of the operating system ----
