@@ -20,22 +20,13 @@ constexpr int kIncrements = 100000;  // TSan makes each lock operation costly
 constexpr int kIncrements = 1000000;
 #endif
 
-// Runs `fn` on another thread and returns its result.
-template <class Fn>
-auto onOtherThread(Fn fn) {
-  decltype(fn()) result{};
-  std::thread t([&] { result = fn(); });
-  t.join();
-  return result;
-}
-
 // TryLock from another thread, which unlocks again what it got.
 int otherTries(KELMutex* m) {
-  return onOtherThread([m] {
-    const int rc = m->TryLock();
-    if (rc == 0) m->Unlock();
-    return rc;
-  });
+  int rc = -7;
+  std::thread([&] {
+    if ((rc = m->TryLock()) == 0) m->Unlock();
+  }).join();
+  return rc;
 }
 
 // Starts `n` threads that run `fn(t)` all at once and joins them.
@@ -45,8 +36,7 @@ void together(int n, Fn fn) {
   std::vector<std::thread> threads;
   for (int t = 0; t < n; ++t) {
     threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < n) std::this_thread::yield();
+      for (ready.fetch_add(1); ready.load() < n;) std::this_thread::yield();
       fn(t);
     });
   }
@@ -55,8 +45,9 @@ void together(int n, Fn fn) {
 
 // Must stay first: under ctest every test runs in a process of its own, and
 // running the program whole starts here too. The first unlock (op 2) fetches
-// the mutex and unlocks nothing; unknown ops and arguments are refused.
-TEST(KELMutexGlobal, OpsAndFirstUnlock) {
+// the mutex and unlocks nothing; unknown ops and arguments are refused. Op 8
+// destroys it as at shutdown (in a child process).
+TEST(KELMutexGlobalDeathTest, OpsFirstUnlockAndOp8) {
   EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
   EXPECT_EQ(KELSysMTGlobalMutex(1, nullptr, 0), 1);
   EXPECT_EQ(KELSysMTGlobalMutex(1, nullptr, 0), 1);  // recursive
@@ -67,43 +58,28 @@ TEST(KELMutexGlobal, OpsAndFirstUnlock) {
   for (int op : {0, 3, 4, 7, 9, -1}) EXPECT_EQ(KELSysMTGlobalMutex(op, nullptr, 0), -1) << op;
   EXPECT_EQ(KELSysMTGlobalMutex(2, nullptr, 0), 0);
   EXPECT_EQ(otherTries(GetMyGlobalMutex()), 0);
-}
-
-// Uses the global mutex, then destroys it as at shutdown (op 8).
-[[noreturn]] void useThenDestroyGlobal() {
-  KELSysMTGlobalMutex(1, nullptr, 0);
-  KELSysMTGlobalMutex(2, nullptr, 0);
-  std::exit(KELSysMTGlobalMutex(8, nullptr, 0) == 0 ? 7 : 1);
-}
-
-TEST(KELMutexGlobalDeathTest, Op8DestroysAtShutdown) {
-  EXPECT_EXIT(useThenDestroyGlobal(), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(std::exit(KELSysMTGlobalMutex(8, nullptr, 0) == 0 ? 7 : 1), testing::ExitedWithCode(7), "");
 }
 
 // Two threads each increment a counter under the lock; the total is exact.
 // Fresh locks each round: the deferred ones are made by racing first locks.
+// (The resource lock's writers are checked in KELResourceLockTest.)
 TEST(KELMutex, MutualExclusionUnderEveryKind) {
   for (int round = 0; round < 20; ++round) {
     KELMutex normal(0, 0, 0), recursive(0, 1, 0), deferred(0, 0, 1);
     KELSmartMutex smart(0), smartDeferred(1);
-    KELResourceLock rw(1);
-    const struct { const char* name; std::function<void()> lock, unlock; } kLocks[] = {
-        {"normal", [&] { normal.Lock(); }, [&] { normal.Unlock(); }},
-        {"recursive", [&] { recursive.Lock(); }, [&] { recursive.Unlock(); }},
-        {"deferred", [&] { deferred.Lock(); }, [&] { deferred.Unlock(); }},
-        {"smart", [&] { smart.Lock(); }, [&] { smart.Unlock(); }},
-        {"smart deferred", [&] { smartDeferred.Lock(); }, [&] { smartDeferred.Unlock(); }},
-        {"resource lock writer", [&] { rw.WriteLock(); }, [&] { rw.WriteUnlock(); }}};
-    for (const auto& k : kLocks) {
+    const std::function<void(bool)> kLocks[] = {
+        [&](bool l) { l ? normal.Lock() : normal.Unlock(); },
+        [&](bool l) { l ? recursive.Lock() : recursive.Unlock(); },
+        [&](bool l) { l ? deferred.Lock() : deferred.Unlock(); },
+        [&](bool l) { l ? smart.Lock() : smart.Unlock(); },
+        [&](bool l) { l ? smartDeferred.Lock() : smartDeferred.Unlock(); }};
+    for (const auto& lock : kLocks) {
       long counter = 0;
       together(2, [&](int) {
-        for (int i = 0; i < kIncrements / 20; ++i) {
-          k.lock();
-          ++counter;
-          k.unlock();
-        }
+        for (int i = 0; i < kIncrements / 20; ++i) lock(true), ++counter, lock(false);
       });
-      ASSERT_EQ(counter, kIncrements / 10) << k.name << ", round " << round;
+      ASSERT_EQ(counter, kIncrements / 10) << "lock " << &lock - kLocks << ", round " << round;
     }
   }
 }
@@ -139,12 +115,12 @@ void checkCreation(Create create) {
   for (unsigned mode : {2u, 7u}) create(p, mode);
   EXPECT_EQ(p, nullptr);
   create(p, 1);
-  ASSERT_NE(p, nullptr);
   T* const first = p;
   create(p, 1);
   EXPECT_EQ(p, first);
   create(p, 0);
   EXPECT_NE(p, first);
+  ASSERT_NE(first, nullptr);
   delete first;
   delete p;
   for (int round = 0; round < 100; ++round) {

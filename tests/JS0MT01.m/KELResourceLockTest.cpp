@@ -5,10 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
 #include <future>
 #include <thread>
 
@@ -22,7 +18,8 @@ using namespace std::chrono_literals;
 // Whether a thread that must stay blocked is still blocked after long enough
 // for it to have got through wrongly.
 bool stillBlocked(const std::future<void>& f) { return f.wait_for(50ms) == std::future_status::timeout; }
-auto start(std::function<void()> f) { return std::async(std::launch::async, f); }
+template <class F>
+auto start(F f) { return std::async(std::launch::async, f); }
 
 class KELResourceLockTest : public testing::TestWithParam<unsigned char> {};
 
@@ -96,8 +93,7 @@ TEST(KELResourceLockDebug, OperationCounterDrift) {
   // counted and nothing breaks; the record it asks for is freed as it ends
   // (LeakSanitizer would report it otherwise).
   std::thread([&] {
-    lock.ReadLock();
-    lock.ReadUnlock();
+    { KELReadLockGuard g(lock); }
     EXPECT_EQ(KELThreads::Find(), nullptr);
     EXPECT_NE(KELThreads::GetCurrent(), self);
   }).join();
@@ -106,12 +102,10 @@ TEST(KELResourceLockDebug, OperationCounterDrift) {
   EXPECT_EQ(self->GetLockOperations(), start);
   lock.ReadUnlock();
   EXPECT_EQ(self->GetLockOperations(), start + 2);
-  lock.WriteLock();
-  lock.WriteUnlock();
+  { KELWriteLockGuard g(lock); }
   EXPECT_EQ(self->GetLockOperations(), start + 2);
   *KELThrDebugOn = 0;
-  lock.ReadLock();
-  lock.ReadUnlock();
+  { KELReadLockGuard g(lock); }
   EXPECT_EQ(self->GetLockOperations(), start + 2);  // flag off: untouched
 }
 
@@ -121,13 +115,8 @@ using systemts::detail::SysCalls;
 
 // Checks in a child process (which reports the first broken check on stderr),
 // since the key is made once per process.
-#define CHILD_CHECK(cond)                                   \
-  do {                                                      \
-    if (!(cond)) {                                          \
-      std::fprintf(stderr, "broken: %s\n", #cond);          \
-      std::exit(1);                                         \
-    }                                                       \
-  } while (0)
+#define CHILD_CHECK(cond) \
+  do if (!(cond)) { std::fprintf(stderr, "broken: %s\n", #cond); std::exit(1); } while (0)
 
 TEST(KELThreadsFaults, RecordsWithoutAKeyOrAPlaceUnderIt) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: no key made yet
@@ -145,10 +134,7 @@ TEST(KELThreadsFaults, RecordsWithoutAKeyOrAPlaceUnderIt) {
           std::thread([] { CHILD_CHECK(KELThreads::GetCurrent() == nullptr); }).join();  // the record is freed
           CHILD_CHECK(f.failed() == 1);
         }
-        std::thread([] {
-          KELThreads* self = KELThreads::GetCurrent();
-          CHILD_CHECK(self != nullptr && KELThreads::Find() == self);
-        }).join();
+        std::thread([] { KELThreads* s = KELThreads::GetCurrent(); CHILD_CHECK(s && KELThreads::Find() == s); }).join();
         std::fprintf(stderr, "all held");
         std::exit(0);
       },

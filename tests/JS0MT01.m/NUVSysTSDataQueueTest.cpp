@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <memory>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FaultInjection.h"
@@ -21,14 +22,25 @@ struct Releaser {
 using Queue = std::unique_ptr<NUVSysTSDataQueue, Releaser>;
 Queue make(bool blocking, int capacity) { return Queue(NUVSysTSDataQueue::CreateEmptyQ(blocking, capacity)); }
 void* val(uintptr_t i) { return reinterpret_cast<void*>(i); }
+// PopLast's result and value; the value starts as a marker that a failed pop must clear.
+using Popped = std::pair<int, void*>;
+Popped pop(NUVSysTSDataQueue* q, int ms) {
+  void* v = val(7);
+  const int rc = q->PopLast(&v, ms);
+  return {rc, v};
+}
 
 struct Shape { bool blocking; int capacity; };
 const Shape kShapes[] = {{false, 0}, {true, 0}, {true, 3}, {false, 3}};
+template <class S>
+std::string shape(const S& s) {
+  return "blocking " + std::to_string(s.blocking) + ", capacity " + std::to_string(s.capacity);
+}
 
 TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
   for (bool blocking : {false, true}) EXPECT_EQ(nullptr, make(blocking, -1));
   for (const Shape& s : kShapes) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity);
     ASSERT_NE(nullptr, q);
     const bool bounded = s.capacity > 0;
@@ -41,23 +53,15 @@ TEST(NUVSysTSDataQueue, CreationCasesAndResults) {
       if (bounded) {
         EXPECT_EQ(0, q->PushFirst(val(99), s.blocking ? 20 : -1));
       }
-      for (uintptr_t i = 1; i <= room; ++i) {
-        void* v = nullptr;
-        ASSERT_EQ(1, q->PopLast(&v, 0));
-        ASSERT_EQ(val(i), v);  // in the order they went in
-      }
+      for (uintptr_t i = 1; i <= room; ++i) ASSERT_EQ(Popped(1, val(i)), pop(q.get(), 0));  // in the order they went in
       // Empty: a blocking queue times out (0), a non-blocking one gives -1 at
       // once. On a bounded one that empty pop gives a place back that its
       // semaphore refuses, so the second round finds the same bound.
-      void* v = val(7);
-      EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&v, s.blocking ? 20 : -1));
-      EXPECT_EQ(nullptr, v);
+      EXPECT_EQ(Popped(s.blocking ? 0 : -1, nullptr), pop(q.get(), s.blocking ? 20 : -1));
     }
-    void* v = val(7);
     EXPECT_EQ(-1, q->PushFirst(nullptr, 0));
     EXPECT_EQ(-1, q->PopLast(nullptr, 0));
-    EXPECT_EQ(-1, q->PopLast(&v, -2));  // on a blocking one the wait itself fails
-    EXPECT_EQ(nullptr, v);
+    EXPECT_EQ(Popped(-1, nullptr), pop(q.get(), -2));  // on a blocking one the wait itself fails
   }
 }
 
@@ -69,17 +73,13 @@ TEST(NUVSysTSDataQueue, BlockedCallsReturnOnlyWhenTheOtherSideActs) {
     EXPECT_EQ(1, q->PushFirst(val(2), -1));  // full: waits for the pop below
     EXPECT_TRUE(acted.exchange(false));
   });
-  void* v = nullptr;
   acted = true;
-  ASSERT_EQ(1, q->PopLast(&v, 0));
+  ASSERT_EQ(Popped(1, val(1)), pop(q.get(), 0));
   pusher.join();
-  EXPECT_EQ(1, q->PopLast(&v, 0));
-  EXPECT_EQ(val(2), v);
+  EXPECT_EQ(Popped(1, val(2)), pop(q.get(), 0));
   std::thread popper([&] {
-    void* got = nullptr;
-    EXPECT_EQ(1, q->PopLast(&got, 60000));  // empty: waits for the push below
+    EXPECT_EQ(Popped(1, val(5)), pop(q.get(), 60000));  // empty: waits for the push below
     EXPECT_TRUE(acted.load());
-    EXPECT_EQ(val(5), got);
   });
   acted = true;
   ASSERT_EQ(1, q->PushFirst(val(5), 0));
@@ -93,7 +93,7 @@ TEST(NUVSysTSDataQueue, BlockedCallsReturnOnlyWhenTheOtherSideActs) {
 TEST(NUVSysTSDataQueue, FirstInFirstOutWithTwoProducers) {
   constexpr uintptr_t kEach = 50000;
   for (const Shape& s : {Shape{true, 0}, Shape{true, 16}, Shape{false, 0}}) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity);
     auto produce = [&](uintptr_t producer) {
       for (uintptr_t i = 1; i <= kEach; ++i) ASSERT_EQ(1, q->PushFirst(val(producer << 32 | i), -1));
@@ -108,17 +108,14 @@ TEST(NUVSysTSDataQueue, FirstInFirstOutWithTwoProducers) {
         continue;
       }
       ASSERT_EQ(1, rc);
-      const auto bits = reinterpret_cast<uintptr_t>(v);
-      const uintptr_t producer = bits >> 32;
+      const auto bits = reinterpret_cast<uintptr_t>(v), producer = bits >> 32;
       ASSERT_TRUE(producer == 1 || producer == 2) << bits;
-      ASSERT_EQ(next[producer], bits & 0xffffffffu);
-      ++next[producer];
+      ASSERT_EQ(next[producer]++, bits & 0xffffffffu);
       ++got;
     }
     a.join();
     b.join();
-    void* v = nullptr;
-    EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&v, 0));
+    EXPECT_EQ(s.blocking ? 0 : -1, pop(q.get(), 0).first);
   }
 }
 
@@ -135,16 +132,11 @@ TEST(NUVSysTSDataQueue, LastReleaseDestroysButNeverFreesValues) {
       values.push_back(std::make_unique<int>(static_cast<int>(values.size())));
       ASSERT_EQ(1, q->PushFirst(values.back().get(), 0));
     }
-    for (int i = 0; i < 150; ++i) {
-      void* v = nullptr;
-      ASSERT_EQ(1, q->PopLast(&v, 0));
-      ASSERT_EQ(values[popped++].get(), v);
-    }
+    for (int i = 0; i < 150; ++i) ASSERT_EQ(Popped(1, values[popped++].get()), pop(q, 0));
   }
   EXPECT_EQ(2, q->AddRef());
   EXPECT_EQ(1, q->Release());
-  void* v = nullptr;
-  EXPECT_EQ(1, q->PopLast(&v, 0));  // still alive after the first Release
+  EXPECT_EQ(1, pop(q, 0).first);  // still alive after the first Release
   EXPECT_EQ(0, q->Release());
   for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(static_cast<int>(i), *values[i]);
 }
@@ -154,13 +146,13 @@ TEST(NUVSysTSDataQueue, LastReleaseDestroysButNeverFreesValues) {
 
 using systemts::detail::SysCalls;
 
-TEST(NUVSysTSDataQueueFaults, CreationFailsWithoutItsSemaphores) {
-  // A blocking queue makes its items semaphore first; a bounded one then its
-  // space semaphore.
+// A blocking queue makes its items semaphore first; a bounded one then its
+// space semaphore. A value without a node is refused and its room given back.
+TEST(NUVSysTSDataQueueFaults, MissingSemaphoresAndNodes) {
   const struct { bool blocking; int capacity; long nth; } kCases[] = {
       {true, 0, 1}, {true, 3, 1}, {true, 3, 2}, {false, 3, 1}};
   for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::Message() << "blocking " << c.blocking << ", capacity " << c.capacity << ", init " << c.nth);
+    SCOPED_TRACE(shape(c) + ", init " + std::to_string(c.nth));
     {
       Fault<&SysCalls::semInit> f(ENOMEM, -1, c.nth);
       EXPECT_EQ(nullptr, make(c.blocking, c.capacity));
@@ -168,11 +160,8 @@ TEST(NUVSysTSDataQueueFaults, CreationFailsWithoutItsSemaphores) {
     }
     EXPECT_NE(nullptr, make(c.blocking, c.capacity));
   }
-}
-
-TEST(NUVSysTSDataQueueFaults, AValueWithoutANodeIsRefusedAndItsRoomGivenBack) {
   for (const Shape& s : kShapes) {
-    SCOPED_TRACE(testing::Message() << "blocking " << s.blocking << ", capacity " << s.capacity);
+    SCOPED_TRACE(shape(s));
     const Queue q = make(s.blocking, s.capacity == 0 ? 0 : 1);
     {
       Fault<&SysCalls::alignedAlloc> f(ENOMEM, nullptr);
@@ -182,26 +171,21 @@ TEST(NUVSysTSDataQueueFaults, AValueWithoutANodeIsRefusedAndItsRoomGivenBack) {
     // With capacity 1 this needs the room the failed push took; and from
     // another thread, the mutex must be free.
     std::thread([&] { EXPECT_EQ(1, q->PushFirst(val(2), 0)); }).join();
-    void* out = nullptr;
-    EXPECT_EQ(1, q->PopLast(&out, 0));
-    EXPECT_EQ(val(2), out);
-    EXPECT_EQ(s.blocking ? 0 : -1, q->PopLast(&out, 0));  // the refused value is not there
+    EXPECT_EQ(Popped(1, val(2)), pop(q.get(), 0));
+    EXPECT_EQ(s.blocking ? 0 : -1, pop(q.get(), 0).first);  // the refused value is not there
   }
 }
 
 TEST(NUVSysTSDataQueueFaults, AWaitThatCannotReadTheClockIsMinusOne) {
   const Queue q = make(true, 1);
   Fault<&SysCalls::clockGetTime> f(EINVAL, -1, 1, Fault<&SysCalls::clockGetTime>::kAlways);
-  void* out = val(9);
-  EXPECT_EQ(-1, q->PopLast(&out, 100));  // empty: the wait needs a deadline
-  EXPECT_EQ(nullptr, out);
+  EXPECT_EQ(Popped(-1, nullptr), pop(q.get(), 100));  // empty: the wait needs a deadline
   EXPECT_EQ(1, q->PushFirst(val(1), 100));  // room there: no wait, no clock
   EXPECT_EQ(-1, q->PushFirst(val(2), 100));
   f.heal();
   std::thread([&] {
-    EXPECT_EQ(1, q->PopLast(&out, 100));
-    EXPECT_EQ(val(1), out);
-    EXPECT_EQ(0, q->PopLast(&out, 1));
+    EXPECT_EQ(Popped(1, val(1)), pop(q.get(), 100));
+    EXPECT_EQ(0, pop(q.get(), 1).first);
   }).join();
 }
 

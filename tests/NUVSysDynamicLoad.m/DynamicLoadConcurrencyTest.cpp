@@ -48,8 +48,7 @@ void together(int n, Fn fn) {
   std::vector<std::thread> threads;
   for (int t = 0; t < n; ++t) {
     threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < n) std::this_thread::yield();
+      for (ready.fetch_add(1); ready.load() < n;) std::this_thread::yield();
       fn(t);
     });
   }
@@ -63,12 +62,11 @@ TEST(DynamicLoadConcurrency, EightThreadsLoadTwentyModulesAndFindTheirSymbols) {
   together(kThreads, [&](int t) {
     for (int step = 0; step < kRounds * kModules; ++step) {
       const int i = (step * (t % 2 == 0 ? 1 : kModules - 1) + t * 7) % kModules;
-      char module[16], only[24];
-      std::snprintf(module, sizeof module, "dlmod_%02d", i);
-      std::snprintf(only, sizeof only, "dlmod_%02d_only", i);
+      const std::string name = (i < 10 ? "dlmod_0" : "dlmod_") + std::to_string(i), only = name + "_only";
+      const char* module = name.c_str();
       if (KELThrLibraryManager::LoadLibrary(module) == nullptr) wrong.fetch_add(1);
       auto value = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress(module, "dlmod_value"));
-      auto own = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress(module, only));
+      auto own = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress(module, only.c_str()));
       if (value == nullptr || value() != i || own == nullptr || own() != 1000 + i) wrong.fetch_add(1);
       if (KELThrLibraryManager::GetFunctionAddress(module, "dlmod_absent") != nullptr) wrong.fetch_add(1);
     }
@@ -113,15 +111,14 @@ TEST(DynamicLoadConcurrency, TwoThreadsLoadingAtOnceEachGetTheirOwnObjects) {
       EXPECT_EQ(NUVSysLifeCycleDynamicProcessLoadContext(context, handles[t]), t == 0 ? 0 : -1);
     });
   });
-  const char* const kExpected[2][2] = {{"a:second:fini:0", "a:first:fini:0"},
-                                       {"b:second:fini:0", "b:first:fini:0"}};
   for (int t = 0; t < 2; ++t) {
-    SCOPED_TRACE(t);
+    const std::string m = t == 0 ? "a" : "b";
+    SCOPED_TRACE(m);
     ASSERT_NE(handles[t], nullptr);
     takeEvents();
     EXPECT_EQ(NUVSysLifeCycleDispatchDynamicProcessUnloadContext(
                   NUVSysLifeCycleDispatchDynamicPrepareUnloadContext(handles[t])), 0);
-    EXPECT_EQ(takeEvents(), (Events{kExpected[t][0], kExpected[t][1]}));
+    EXPECT_EQ(takeEvents(), (Events{m + ":second:fini:0", m + ":first:fini:0"}));
     EXPECT_EQ(NUVSysLifeCycleDynamicLoadManagerImplement().DoUnload(&handles[t]), 0);
   }
 }

@@ -19,37 +19,44 @@ namespace {
 using systemts::detail::libraryCacheView;
 using systemts::detail::SysCalls;
 
-using IntFn = int (*)();
+// What the function `symbol` of `module` returns, or -1 when it is not found.
+int call(const char* module, const char* symbol) {
+  auto fn = reinterpret_cast<int (*)()>(KELThrLibraryManager::GetFunctionAddress(module, symbol));
+  return fn != nullptr ? fn() : -1;
+}
 
-class KELThrLibraryManagerTest : public ::testing::Test {
- protected:
+struct KELThrLibraryManagerTest : ::testing::Test {
   void SetUp() override { KELThrLibraryManager::_Cleanup(); }
   void TearDown() override { KELThrLibraryManager::_Cleanup(); }
 };
-class KELThrLibraryManagerFaults : public KELThrLibraryManagerTest {};
+using KELThrLibraryManagerFaults = KELThrLibraryManagerTest;
 
+// A null symbol only loads the module.
 TEST_F(KELThrLibraryManagerTest, AbsentModuleIsTriedOnceAndSaysWhy) {
+  EXPECT_EQ(KELThrLibraryManager::LoadLibrary(nullptr), nullptr);
+  EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress(nullptr, "dlmod_value"), nullptr);
+  EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_00", nullptr), nullptr);
+  EXPECT_EQ(libraryCacheView().modules, std::vector<std::string>{"dlmod_00"});
   Fault<&SysCalls::dlopen> dlopens;
   EXPECT_EQ(KELThrLibraryManager::LoadLibrary("systemts_absent"), nullptr);
   const std::string first = NUVSysDynamicLoadLastError();
   EXPECT_NE(first.find("libsystemts_absent.so"), std::string::npos) << first;
-  EXPECT_EQ(KELThrLibraryManager::LoadLibrary("dlmod_00") != nullptr, true);
+  EXPECT_NE(KELThrLibraryManager::LoadLibrary("dlmod_00"), nullptr);
   // Intended: the second request for the failed module is answered from its
   // record, with the first failure's text, and the loader is not asked.
   EXPECT_EQ(KELThrLibraryManager::LoadLibrary("systemts_absent"), nullptr);
   EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("systemts_absent", "dlmod_value"), nullptr);
   EXPECT_EQ(first, NUVSysDynamicLoadLastError());
-  EXPECT_EQ(dlopens.calls(), 2);
+  EXPECT_EQ(dlopens.calls(), 1);
   KELThrLibraryManager::_Cleanup();  // forgets the failure: tried again
   EXPECT_EQ(KELThrLibraryManager::LoadLibrary("systemts_absent"), nullptr);
-  EXPECT_EQ(dlopens.calls(), 3);
+  EXPECT_EQ(dlopens.calls(), 2);
 }
 
 TEST_F(KELThrLibraryManagerTest, EleventhModuleGrowsTheArrayAndRecordsStaySorted) {
   // Real and absent modules alike make records; inserted out of order.
-  const char* const kNames[] = {"dlmod_07", "zz_absent", "dlmod_01", "aa_absent", "dlmod_05",
-                                "dlmod_10", "dlmod_03", "m_absent", "dlmod_09", "dlmod_02",
-                                "dlmod_00", "dlmod_04"};
+  const char* const kNames[] = {"dlmod_07", "zz_absent", "dlmod_01", "aa_absent", "dlmod_05", "dlmod_10",
+                                "dlmod_03", "m_absent",  "dlmod_09", "dlmod_02",  "dlmod_00", "dlmod_04"};
   std::vector<std::string> expected;
   for (const char* name : kNames) {
     SCOPED_TRACE(name);
@@ -65,9 +72,7 @@ TEST_F(KELThrLibraryManagerTest, EleventhModuleGrowsTheArrayAndRecordsStaySorted
   for (const char* name : kNames) {
     SCOPED_TRACE(name);
     void* h = KELThrLibraryManager::LoadLibrary(name);
-    if (h != nullptr) {
-      EXPECT_EQ(dlopen((std::string("lib") + name + ".so").c_str(), RTLD_LAZY | RTLD_NOLOAD), h);
-    }
+    EXPECT_EQ(h == nullptr ? nullptr : dlopen((std::string("lib") + name + ".so").c_str(), RTLD_LAZY | RTLD_NOLOAD), h);
   }
   EXPECT_EQ(dlopens.calls(), 0);
 }
@@ -90,42 +95,28 @@ TEST_F(KELThrLibraryManagerTest, SymbolsAreCachedPerModuleAndMissingOnesAskedEve
       {"dlmod_03", "dlmod_03_only", 1003}, {"dlmod_08", "dlmod_08_only", 1008},
       {"dlmod_01", "dlmod_value", 1},
   };
-  for (int round = 0; round < 2; ++round) {
-    for (const auto& c : kCases) {
-      SCOPED_TRACE(std::string(c.symbol) + "@" + c.module);
-      auto fn = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress(c.module, c.symbol));
-      ASSERT_NE(fn, nullptr);
-      EXPECT_EQ(fn(), c.value);
-    }
-  }
+  for (int round = 0; round < 2; ++round)
+    for (const auto& c : kCases) EXPECT_EQ(call(c.module, c.symbol), c.value) << c.symbol << "@" << c.module;
   EXPECT_EQ(dlsyms.calls(), 3 + 5);
-  EXPECT_EQ(libraryCacheView().symbols,
-            (std::vector<std::string>{"dlmod_03_only@dlmod_03", "dlmod_08_only@dlmod_08",
-                                      "dlmod_value@dlmod_01", "dlmod_value@dlmod_03",
-                                      "dlmod_value@dlmod_08"}));
+  EXPECT_EQ(libraryCacheView().symbols, (std::vector<std::string>{"dlmod_03_only@dlmod_03", "dlmod_08_only@dlmod_08",
+                                                                  "dlmod_value@dlmod_01", "dlmod_value@dlmod_03",
+                                                                  "dlmod_value@dlmod_08"}));
   EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_03", "dlmod_08_only"), nullptr);
 
   // The same buffer holding another name the next time gets that name's
   // address; _Cleanup forgets every found symbol, also on this thread.
   char name[32] = "dlmod_value";
-  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 8);
+  EXPECT_EQ(call("dlmod_08", name), 8);
   std::strcpy(name, "dlmod_08_only");
-  EXPECT_EQ(reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name))(), 1008);
+  EXPECT_EQ(call("dlmod_08", name), 1008);
   const long before = dlsyms.calls();
   KELThrLibraryManager::_Cleanup();
   EXPECT_NE(KELThrLibraryManager::GetFunctionAddress("dlmod_08", name), nullptr);
   EXPECT_EQ(dlsyms.calls(), before + 1);
 }
 
-TEST_F(KELThrLibraryManagerTest, NullArguments) {
-  EXPECT_EQ(KELThrLibraryManager::LoadLibrary(nullptr), nullptr);
-  EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress(nullptr, "dlmod_value"), nullptr);
-  // A null symbol only loads the module.
-  EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_06", nullptr), nullptr);
-  EXPECT_EQ(libraryCacheView().modules, std::vector<std::string>{"dlmod_06"});
-}
-
-TEST_F(KELThrLibraryManagerFaults, FailedLoadIsKeptWithTheLoadersText) {
+// A failed load is kept with its text; a failed look-up is not kept.
+TEST_F(KELThrLibraryManagerFaults, FailedLoadIsKeptFailedLookUpIsNot) {
   {
     Fault<&SysCalls::dlopen> failing(ENOMEM, nullptr);
     EXPECT_EQ(KELThrLibraryManager::LoadLibrary("dlmod_11"), nullptr);
@@ -133,20 +124,17 @@ TEST_F(KELThrLibraryManagerFaults, FailedLoadIsKeptWithTheLoadersText) {
   // The loader reported nothing for the refused call: our own text.
   EXPECT_STREQ(NUVSysDynamicLoadLastError(), "cannot load: libdlmod_11.so");
   EXPECT_EQ(KELThrLibraryManager::LoadLibrary("nothing_here"), nullptr);
-  Fault<&SysCalls::dlopen> dlopens;
-  EXPECT_EQ(KELThrLibraryManager::LoadLibrary("dlmod_11"), nullptr);
-  EXPECT_STREQ(NUVSysDynamicLoadLastError(), "cannot load: libdlmod_11.so");
-  EXPECT_EQ(dlopens.calls(), 0);
-}
-
-TEST_F(KELThrLibraryManagerFaults, FailedLookUpIsNotCached) {
+  {
+    Fault<&SysCalls::dlopen> dlopens;
+    EXPECT_EQ(KELThrLibraryManager::LoadLibrary("dlmod_11"), nullptr);
+    EXPECT_STREQ(NUVSysDynamicLoadLastError(), "cannot load: libdlmod_11.so");
+    EXPECT_EQ(dlopens.calls(), 0);
+  }
   {
     Fault<&SysCalls::dlsym> failing(0, nullptr);
     EXPECT_EQ(KELThrLibraryManager::GetFunctionAddress("dlmod_12", "dlmod_value"), nullptr);
   }
-  auto fn = reinterpret_cast<IntFn>(KELThrLibraryManager::GetFunctionAddress("dlmod_12", "dlmod_value"));
-  ASSERT_NE(fn, nullptr);
-  EXPECT_EQ(fn(), 12);
+  EXPECT_EQ(call("dlmod_12", "dlmod_value"), 12);
 }
 
 TEST_F(KELThrLibraryManagerFaults, OutOfMemoryLoadsWithoutRecording) {

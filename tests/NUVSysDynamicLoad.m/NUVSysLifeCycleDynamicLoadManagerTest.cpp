@@ -26,15 +26,12 @@ bool inProcess(const char* file) {
 }
 
 // A life-cycle object of the program itself; reports like the modules' do.
-class Local : public NUVSysLifeCycleObject {
- public:
+struct Local : NUVSysLifeCycleObject {
   explicit Local(const char* tag) : tag_(tag) {}
   int Initialize() override { return report("init", 0); }
   int Finalize() override { return report("fini", 0); }
   int StateChange(int state) override { return report("state", state); }
   int SystemCall(int code, void*) override { return report("call", code); }
-
- private:
   int report(const char* what, int value) {
     lifeCycleTestEvent((std::string("local:") + tag_ + ":" + what + ":" + std::to_string(value)).c_str());
     return 0;
@@ -42,7 +39,7 @@ class Local : public NUVSysLifeCycleObject {
   const char* tag_;
 };
 
-TEST(NUVSysLifeCycleDynamicLoadManager, IsResidentNamesTheFileAndLoadsNothing) {
+TEST(NUVSysLifeCycleDynamicLoadManager, IsResidentAndRefusedArguments) {
   NUVSysLifeCycleDynamicLoadManagerImplement m;
   const std::string longName(300, 'x');
   for (const std::string& name : {std::string(""), std::string("dlmod_18"), longName}) {
@@ -59,7 +56,14 @@ TEST(NUVSysLifeCycleDynamicLoadManager, IsResidentNamesTheFileAndLoadsNothing) {
   char* file = nullptr;
   EXPECT_EQ(m.IsResident(nullptr, &file, &h), -1);
   EXPECT_EQ(m.IsResident("dlmod_18", &file, nullptr), -1);
-
+  EXPECT_EQ(m.DoLoad(nullptr, &h), -1);
+  EXPECT_EQ(m.DoGetFunction(nullptr, "dlmod_value"), nullptr);
+  EXPECT_EQ(m.DoUnload(&h), -1);  // null handle
+  EXPECT_EQ(NUVSysLifeCycleDynamicUnload(nullptr), -1);
+  h = &m;
+  EXPECT_EQ(NUVSysLifeCycleDynamicLoad("systemts_absent", &h), -1);
+  EXPECT_EQ(h, nullptr);
+  EXPECT_NE(std::string(NUVSysDynamicLoadLastError()).find("libsystemts_absent.so"), std::string::npos);
   // Resident after DoLoad; IsResident gives the same handle back and keeps no
   // reference of its own: one DoUnload takes the module out of the process.
   void* loaded = nullptr;
@@ -69,18 +73,6 @@ TEST(NUVSysLifeCycleDynamicLoadManager, IsResidentNamesTheFileAndLoadsNothing) {
   EXPECT_EQ(m.DoUnload(&loaded), 0);
   EXPECT_EQ(loaded, nullptr);
   EXPECT_FALSE(inProcess("libdlmod_18.so"));
-}
-
-TEST(NUVSysLifeCycleDynamicLoadManager, RefusedArguments) {
-  NUVSysLifeCycleDynamicLoadManagerImplement m;
-  void* h = &m;
-  EXPECT_EQ(NUVSysLifeCycleDynamicLoad("systemts_absent", &h), -1);
-  EXPECT_EQ(h, nullptr);
-  EXPECT_NE(std::string(NUVSysDynamicLoadLastError()).find("libsystemts_absent.so"), std::string::npos);
-  EXPECT_EQ(m.DoLoad(nullptr, &h), -1);
-  EXPECT_EQ(m.DoGetFunction(nullptr, "dlmod_value"), nullptr);
-  EXPECT_EQ(m.DoUnload(&h), -1);  // null handle
-  EXPECT_EQ(NUVSysLifeCycleDynamicUnload(nullptr), -1);
 }
 
 TEST(NUVSysLifeCycleDynamicLoadManager, ObjectsInitialisedOnceDispatchedAndFinalisedAtUnload) {
@@ -153,7 +145,6 @@ TEST(NUVSysLifeCycleRegistry, ContextsNestPerThreadAndOutsideOneObjectsBelongToT
   EXPECT_EQ(NUVSysLifeCycleDispatchDynamicProcessUnloadContext(
                 NUVSysLifeCycleDispatchDynamicPrepareUnloadContext(&fakeInner)), 0);
   EXPECT_EQ(NUVSysLifeCycleDispatchDynamicProcessUnloadContext(nullptr), -1);
-
 }
 
 TEST(NUVSysLifeCycleDynamicLoadManagerFaults, LoaderFailures) {
