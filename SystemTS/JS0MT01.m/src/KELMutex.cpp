@@ -144,11 +144,16 @@ bool primeGlobal() {
   return false;
 }
 
+// The global mutex through the cache, filled first; null once destroyed.
+KELMutex* cachedGlobal() {
+  primeGlobal();
+  return g_cachedGlobal.load(std::memory_order_acquire);
+}
+
 }  // namespace
 
 bool systemts::detail::lockGlobalMutex() {
-  primeGlobal();
-  KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
+  KELMutex* const m = cachedGlobal();
   if (m == nullptr) return false;
   (m->*KELMutex::LockF)();
   return g_cachedGlobal.load(std::memory_order_acquire) == m;
@@ -171,8 +176,7 @@ int KELSysMTGlobalMutex(int op, const char* name, int flags) {
       systemts::detail::unlockGlobalMutex();
       return 0;
     case 8: {
-      primeGlobal();
-      KELMutex* const m = g_cachedGlobal.load(std::memory_order_acquire);
+      KELMutex* const m = cachedGlobal();
       if (m == nullptr) return -1;
       (m->*KELMutex::LockF)();
       g_cachedGlobal.store(nullptr, std::memory_order_release);

@@ -189,18 +189,19 @@ void NUVSysCodePage::OnChangeNLSCore(const NUVSysNLSEnv& env) {
 
 namespace {
 
-// The resumable form over one setup: `len` bytes at most INT_MAX, as the
-// exported form has always limited one call.
-CodeStep resumable(const CodePageState& s, const char*& src, size_t& srcLen, unsigned short* dst,
-                   size_t dstCap) noexcept {
+// The resumable form over one setup, with the exported form's results: the
+// units written, or (size_t)-1 when the UTF-8 transform refuses. `len` bytes
+// at most INT_MAX, as the exported form has always limited one call.
+size_t resumable(const CodePageState& s, const char*& src, size_t& srcLen, unsigned short* dst,
+                 size_t dstCap) noexcept {
   const size_t len = srcLen < INT_MAX ? srcLen : INT_MAX;
   const CodeStep step = decodeCodePage(s, src, len, dst, dstCap < INT_MAX ? dstCap : INT_MAX);
-  if (step.status != CodeStatus::Ok) return step;
+  if (step.status != CodeStatus::Ok) return static_cast<size_t>(-1);
   // The UTF-8 transform lets go of the text once it has used up what it was given.
   src = s.kind == CodePageKind::Utf8 && step.consumed == len ? nullptr : src + step.consumed;
   srcLen -= step.consumed;
   if (srcLen == 0) src = nullptr;
-  return step;
+  return step.written;
 }
 
 int oneShot(const CodePageState& s, const char* src, int srcLen, unsigned short* dst) noexcept {
@@ -227,8 +228,7 @@ size_t NUVSysCodePage::ConvertMBCSToUTF16(const char*& src, size_t& srcLen, unsi
                                           size_t dstCap) const {
   const CodePageState* s = _setup.load(std::memory_order_acquire);
   if (src == nullptr || dst == nullptr || dstCap == 0 || s == nullptr) return 0;
-  const CodeStep step = resumable(*s, src, srcLen, dst, dstCap);
-  return step.status == CodeStatus::Ok ? step.written : static_cast<size_t>(-1);
+  return resumable(*s, src, srcLen, dst, dstCap);
 }
 
 int NUVSysCodePage::ConvertUTF16ToMBCS(const unsigned short* src, int n, char* dst, int* dstLen) const {
@@ -457,11 +457,7 @@ int NUVSysCodePage::CanConvertMBCSToUTF16(const char* text, size_t len) const {
     unsigned short unit[2];  // one unit and the terminating 0 some methods add
     const char* q = p;
     size_t l = left;
-    size_t got = 0;
-    if (s != nullptr) {
-      const CodeStep step = resumable(*s, q, l, unit, 1);
-      got = step.status == CodeStatus::Ok ? step.written : static_cast<size_t>(-1);
-    }
+    size_t got = s != nullptr ? resumable(*s, q, l, unit, 1) : 0;
     const size_t consumed = left - l;
     if (got == 0 && consumed == 0 && s != nullptr && s->kind == CodePageKind::Utf8) {
       // The UTF-8 method converts the rest in one go at a capacity of 1 and
@@ -586,9 +582,9 @@ unsigned int systemts::detail::hashCodePageText(const NUVSysCodePage& cp, const 
   const char* p = text;
   size_t left = n;
   while (p != nullptr && left > 0) {
-    const CodeStep step = resumable(*s, p, left, buf, 256);
-    if (step.status != CodeStatus::Ok || step.written == 0) break;  // refused, or nothing converts
-    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), step.written, h);
+    const size_t got = resumable(*s, p, left, buf, 256);
+    if (got == 0 || got > 256) break;  // nothing converts, or refused
+    h = k.hashUnits(reinterpret_cast<const uint16_t*>(buf), got, h);
   }
   return h;
 }
